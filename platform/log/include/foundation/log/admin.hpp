@@ -1,0 +1,45 @@
+// Administration of the diagnostic output of one process: where records go
+// (the sink) and which levels of which channels are produced (the filter).
+//
+// Sink names: "stdout", "stderr", "none" (records are dropped) and
+// "file:<path>" (appended to <path>). Changing the sink flushes and closes the
+// previous one. Filters read "channel=levels;channel=levels", where levels is
+// "all", "none" or '|'-separated decimal bit values such as "512|256"; a
+// channel not named has no level enabled, and the empty filter disables
+// everything (the state at load time). A filter applies to loggers made
+// before and after it. A malformed sink or filter throws
+// std::invalid_argument and changes nothing.
+//
+// Each record becomes one line:
+//   <ISO-8601 local time with microseconds> <pid>:<tid> <channel> <level>: <message>
+//
+// Thread safety: all operations may be called from any thread.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace foundation::log::local {
+
+class admin {
+ public:
+  // The process's administration object (created on first use).
+  static std::shared_ptr<admin> get();
+
+  // Selects the output sink; see the header comment for the names accepted.
+  void setSink(const std::string& sink);
+
+  // Replaces the channel filter; see the header comment for the syntax.
+  void setChannelFilter(const std::string& filter);
+
+  admin(const admin&) = delete;
+  admin& operator=(const admin&) = delete;
+  ~admin();
+
+ private:
+  admin();
+  struct state;
+  std::unique_ptr<state> state_;
+};
+
+}  // namespace foundation::log::local

@@ -1,0 +1,96 @@
+// Named shared-memory segments, scoped by trustee.
+//
+// A segment is identified by (name, trustee). The empty trustee's segments
+// live in /dev/shm/u<euid>/ (folder 0700, segments 0600): private to the
+// user. A group trustee G's segments live in /dev/shm/g<gid>/ (group G,
+// folder 2770, segments 0660), so every member of G may open and remove
+// them. Scope folders are created on first need; a folder or segment with
+// the wrong owner or group, extra permission bits, or of the wrong kind is
+// refused, never read or written.
+//
+// create(), find() and createOrFind() never throw and never crash: when the
+// segment cannot be had (missing, existing already for create, smaller than
+// the size asked for, refused, unknown trustee, bad name) they return an
+// unattached handle and log one line on the channel
+// "agent::spf::sharedmemory" (256: missing or refused, 512: system error).
+// A new segment is zero-filled.
+//
+// A handle is move-only. Releasing it (destructor, move-assign over) unmaps
+// the segment and, if this handle created it and neither makePersistent()
+// nor markForDeletion() was called, removes its name. No file descriptor is
+// kept open while a segment is mapped.
+//
+// Thread safety: distinct handles may be used from any threads; one handle
+// must not be used from two threads at once.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <sys/types.h>
+
+namespace agent::spf::sharedmemory {
+
+class SharedMemory {
+ public:
+  // How segments are implemented. Only POSIX shared memory exists; it is value 0.
+  enum class ImplementationSpecifications : unsigned { PosixSharedMemory = 0 };
+
+  // An unattached handle.
+  SharedMemory() noexcept = default;
+
+  // Creates the segment exclusively, sized to exactly `size` zero bytes, and
+  // maps it read-write. Unattached if it exists already or cannot be made.
+  static SharedMemory create(const std::string& name, std::size_t size, const std::string& trustee,
+                             ImplementationSpecifications specifications);
+
+  // Opens an existing segment and maps its first `size` bytes read-write.
+  // Unattached if it is missing, refused, or smaller than `size`.
+  static SharedMemory find(const std::string& name, std::size_t size, const std::string& trustee,
+                           ImplementationSpecifications specifications);
+
+  // find(), else create(); race-free between processes (bounded retries).
+  static SharedMemory createOrFind(const std::string& name, std::size_t size, const std::string& trustee,
+                                   ImplementationSpecifications specifications);
+
+  SharedMemory(SharedMemory&& other) noexcept;
+  // Releases this handle's segment first, then takes the other's.
+  SharedMemory& operator=(SharedMemory&& other) noexcept;
+  SharedMemory(const SharedMemory&) = delete;
+  SharedMemory& operator=(const SharedMemory&) = delete;
+  ~SharedMemory();
+
+  // Start of the mapping; null when unattached.
+  void* getPointer() const noexcept { return address_; }
+  // Number of bytes mapped; 0 when unattached.
+  std::size_t getSize() const noexcept { return size_; }
+  bool isAttached() const noexcept { return address_ != nullptr; }
+  // True when this handle created the segment.
+  bool isCreator() const noexcept { return creator_; }
+  // The trustee the handle was opened with.
+  std::string getTrustee() const { return trustee_; }
+
+  // The segment outlives every process: releasing does not remove its name.
+  void makePersistent() noexcept;
+  // Removes the name now (if it still names this segment); mappings stay
+  // valid until released.
+  void markForDeletion() noexcept;
+
+ private:
+  void release() noexcept;
+  void removeName() noexcept;
+
+  void* address_ = nullptr;
+  std::size_t size_ = 0;
+  bool creator_ = false;
+  bool keepName_ = false;  // persistent, or the name was already removed
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+  std::string name_;
+  std::string trustee_;
+  std::string scopePath_;
+};
+
+// The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
+std::string getCurrentUserName();
+
+}  // namespace agent::spf::sharedmemory

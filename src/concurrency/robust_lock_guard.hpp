@@ -1,0 +1,52 @@
+// Ownership of the lock of one robust, process-shared, error-checking pthread
+// mutex that lives in shared memory.
+//
+// While a guard exists, its mutex is locked by the process's work thread
+// (work_queue.hpp), so the lock outlives the caller's thread; when the
+// process dies the kernel marks the mutex owner-dead and the next locker or
+// prober sees EOWNERDEAD. Lock and unlock both run on the work thread. Within
+// one process, a second guard on a held mutex re-queues its lock until the
+// first guard is gone (EDEADLK retry), rather than blocking the work thread.
+#pragma once
+
+#include <memory>
+#include <pthread.h>
+
+#include "concurrency/work_queue.hpp"
+
+namespace agent::spf::endpointregistry {
+
+class PThreadRobustLockGuard {
+ public:
+  // Initialises the mutex in place: error-checking, process-shared, robust.
+  // Throws std::runtime_error on failure.
+  static void initializeMutex(pthread_mutex_t* mutex);
+
+  // Probes a mutex on the calling thread without keeping it: 0 (free),
+  // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of
+  // pthread_mutex_trylock (EBUSY: held by another thread; EDEADLK: held by the
+  // calling thread). Never logs.
+  static int getMutexState(pthread_mutex_t* mutex);
+
+  // Returns with the mutex locked by the work thread; repairs an owner-dead
+  // mutex silently. Throws std::runtime_error on a null mutex or a lock error.
+  explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr);
+  PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept;
+  // Takes the other's lock, then releases the one held before.
+  PThreadRobustLockGuard& operator=(PThreadRobustLockGuard&&) noexcept;
+  PThreadRobustLockGuard(const PThreadRobustLockGuard&) = delete;
+  PThreadRobustLockGuard& operator=(const PThreadRobustLockGuard&) = delete;
+  // Unlocks on the work thread, then destroys the mutex if setDestroyOnRelease()
+  // was called. Never throws.
+  ~PThreadRobustLockGuard();
+
+  // The mutex is destroyed after it is unlocked on release.
+  void setDestroyOnRelease();
+
+  class Impl;
+
+ private:
+  std::unique_ptr<Impl> impl;
+};
+
+}  // namespace agent::spf::endpointregistry

@@ -1,0 +1,74 @@
+// The process's one work thread, on which every robust mutex is locked and
+// unlocked.
+//
+// A robust mutex belongs to the thread that locked it, and counts as
+// abandoned once that thread ends. Callers' threads may be short-lived, so
+// locks are taken on this long-lived thread instead. WorkQueue is the thread
+// and its first-in first-out job queue; WorkThreadGuard is a shared reference
+// to the process's queue. The queue lives while some guard refers to it: the
+// last guard to go stops and joins the thread, and the next request starts a
+// new one.
+//
+// Rules: a job must never call executeAndSet() (it would wait for a job
+// queued behind itself), and the last guard of a queue must not be dropped
+// on the work thread.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace agent::spf::endpointregistry {
+
+class WorkQueue {
+ public:
+  // Starts the thread; std::system_error if it cannot be started.
+  WorkQueue();
+  // Stops the loop (pending jobs are destroyed unrun) and joins the thread.
+  ~WorkQueue();
+  WorkQueue(const WorkQueue&) = delete;
+  WorkQueue& operator=(const WorkQueue&) = delete;
+
+  // Appends a job and wakes the thread.
+  void push(std::function<void()> job);
+
+  // Identifier of the work thread.
+  std::thread::id threadId() const noexcept { return thread.get_id(); }
+
+ private:
+  void run();
+
+  std::mutex mutex;
+  bool stop = false;
+  std::deque<std::function<void()>> jobs;
+  std::condition_variable condition;
+  std::thread thread;
+};
+
+class WorkThreadGuard {
+ public:
+  // Obtains the process's queue (starting it if none is live) and pushes `job`.
+  explicit WorkThreadGuard(std::function<void()>&& job);
+  WorkThreadGuard(WorkThreadGuard&&) noexcept = default;
+  WorkThreadGuard& operator=(WorkThreadGuard&&) noexcept = default;
+  WorkThreadGuard(const WorkThreadGuard&) = delete;
+  WorkThreadGuard& operator=(const WorkThreadGuard&) = delete;
+  ~WorkThreadGuard() = default;
+
+  // Runs `function` on the work thread, waits for it, stores its result and
+  // returns the guard of the queue it ran on. Exceptions of the function are
+  // rethrown here (a std::exception after a 512 log record); `result` is then
+  // not written.
+  static WorkThreadGuard executeAndSet(std::function<int()>&& function, int& result);
+
+  // The queue this guard refers to (null after being moved from).
+  const std::shared_ptr<WorkQueue>& queue() const noexcept { return workQueue; }
+
+ private:
+  std::shared_ptr<WorkQueue> workQueue;
+};
+
+}  // namespace agent::spf::endpointregistry

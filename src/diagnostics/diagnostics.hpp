@@ -1,0 +1,62 @@
+// The library's two diagnostic channels, its four levels, and the one routine
+// that emits a message.
+//
+// logMessage() tests the level bit first: a disabled level builds no string
+// and takes no lock. The pieces are written one after another into a single
+// record, with nothing between them; numbers are written in decimal.
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include <boost/log/core/core.hpp>
+#include <foundation/log/diagnostic_logger.hpp>
+
+namespace agent::spf::endpointregistry {
+
+using DiagnosticLogger = foundation::log::basic_diagnostic_logger<char>;
+
+// Level bits of the diagnostic channels.
+enum LogLevel : unsigned {
+  LifetimeTrace = 4,     // moving and destruction of endpoints
+  CaughtException = 16,  // an exception caught, logged and passed on
+  RefusedRequest = 256,  // a refused or empty-handed request, not a registry error
+  Error = 512,           // an error; followed by an exception outside destructors
+};
+
+// "agent::spf::endpointregistry": errors, warnings, work-thread messages.
+DiagnosticLogger& mainLogger();
+// "detail::agent::spf::endpointregistry::endpointmoveanddestruction".
+DiagnosticLogger& lifetimeLogger();
+
+// The name of the registry's name directory, "qzEndpointRegistry".
+extern const std::string registryDirectoryName;
+
+// Emits one record of `level` made of `pieces` written back to back.
+template <typename... Pieces>
+void logMessage(DiagnosticLogger& logger, unsigned level, const Pieces&... pieces) {
+  if (!logger.isEnabled(level)) return;
+  if (!boost::log::core::get()->get_logging_enabled()) return;
+  boost::log::record record = logger.open_record(boost::log::keywords::severity = level);
+  if (!record) return;
+  const int exceptionsBefore = std::uncaught_exceptions();
+  {
+    boost::log::record_ostream stream(record);
+    (stream << ... << pieces);
+    stream.flush();
+  }
+  if (std::uncaught_exceptions() > exceptionsBefore) return;
+  logger.push_record(std::move(record));
+}
+
+// "Exception caught: " followed by Boost's verbose diagnostic text of the
+// exception being handled. Call only inside a catch block.
+std::string caughtExceptionText();
+
+// Switch the library's own output on (stdout, all levels of this library's
+// and the shared-memory library's channels) and off. Not exported; nothing
+// in the library calls them.
+void enableDiagnostics();
+void disableDiagnostics();
+
+}  // namespace agent::spf::endpointregistry

@@ -1,0 +1,32 @@
+// The registry's use of the name directory: one directory
+// "qzEndpointRegistry", version 0, per trustee, holding record names as
+// one-string entries.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace agent::spf::endpointregistry {
+
+// The presence of one name in one trustee's directory: inserted on
+// construction, erased on destruction (a failure there ends the process).
+class DirectoryEntry {
+ public:
+  DirectoryEntry(const std::string& name, const std::string& trustee);
+  ~DirectoryEntry();
+  DirectoryEntry(const DirectoryEntry&) = delete;
+  DirectoryEntry& operator=(const DirectoryEntry&) = delete;
+
+ private:
+  std::string name;
+  std::string trustee;
+};
+
+// Erases the one-string entry `name` from the trustee's directory.
+void eraseDirectoryName(const std::string& name, const std::string& trustee);
+
+// The one-string entries of the trustee's directory that begin with
+// `prefix`, in directory order; entries of other sizes are skipped.
+std::vector<std::string> listDirectoryNames(const std::string& prefix, const std::string& trustee);
+
+}  // namespace agent::spf::endpointregistry

@@ -1,0 +1,96 @@
+// One published copy of an endpoint, visible to one trustee: a record segment
+// holding the data pair and a robust mutex that the publisher keeps locked
+// for the record's whole life, plus the record's name in the trustee's
+// directory.
+//
+// Record segment, named by recordName() (segment_names.hpp), l + 57 bytes
+// where l is the total length of the two data strings:
+//   0       u8        livenessFlag  1 while the publisher holds the mutex;
+//                                   written only by atomic exchange
+//   1       7 bytes   padding
+//   8       40 bytes  livenessMutex robust, process-shared pthread mutex
+//   48      u64       firstLength   length of the first data string
+//   56      l bytes   data          first string then second, no separator
+//   56 + l  1 byte    reserved
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <agent/spf/sharedmemory/shared_memory.hpp>
+#include <endpointregistry/endpoint.hpp>
+
+#include "concurrency/robust_lock_guard.hpp"
+#include "directory/directory_entry.hpp"
+
+namespace agent::spf::endpointregistry {
+
+struct RecordHeader {
+  std::uint8_t livenessFlag;
+  std::uint8_t padding[7];
+  pthread_mutex_t livenessMutex;
+  std::uint64_t firstLength;
+};
+static_assert(offsetof(RecordHeader, livenessFlag) == 0);
+static_assert(offsetof(RecordHeader, livenessMutex) == 8);
+static_assert(offsetof(RecordHeader, firstLength) == 48);
+static_assert(sizeof(RecordHeader) == 56);
+
+inline constexpr std::size_t recordDataOffset = sizeof(RecordHeader);
+// Size of the record segment for l bytes of data.
+inline constexpr std::size_t recordSegmentSize(std::size_t dataLength) { return dataLength + 57; }
+
+// How a reader classifies a record segment.
+enum RecordState : unsigned {
+  Stale = 0,      // no live publisher: the record may be reclaimed
+  Transient = 1,  // undecided: being built or torn down, or not attached
+  Live = 2,       // the liveness mutex is held
+};
+
+class Endpoint::Impl {
+ public:
+  using SharedMemory = agent::spf::sharedmemory::SharedMemory;
+  using DataPair = std::pair<std::string, std::string>;
+
+  // Publishes one record of `data` under `groupTag` for `trustee` ("" is the
+  // current user's own record). Throws on failure, leaving nothing behind.
+  Impl(const DataPair& data, const std::string& groupTag, const std::string& trustee);
+  // Withdraws the record: flag cleared, name erased, mutex unlocked and
+  // destroyed, segment released. Never throws.
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  std::string getGroupTag() const;
+  std::string getTrustee() const;
+  // The record's own data pair, read back from its segment.
+  DataPair getDataPair();
+
+  // "" passes unchanged; otherwise the trustee must be a group of the current
+  // user, else std::invalid_argument.
+  static std::string checkTrustee(const std::string& trustee);
+
+  static SharedMemory findSharedMemory(const std::string& name, const std::string& trustee);
+  static RecordState getState(SharedMemory& segment, unsigned long pid);
+  // The data pair of a live record, else two empty strings; reclaims a stale one.
+  static DataPair getDataPair(const std::string& name, const std::string& trustee);
+  static std::vector<std::string> filterNames(const std::string& groupTag, const std::string& trustee);
+  static std::size_t countSynonymEndpoints(const DataPair& data, const std::string& groupTag);
+
+ private:
+  SharedMemory createSharedMemory(const DataPair& data);
+  PThreadRobustLockGuard getLivenessLock();
+
+  std::string trustee;
+  std::string groupTag;
+  std::string name;
+  SharedMemory sharedMemory;
+  PThreadRobustLockGuard livenessLock;
+  DirectoryEntry directoryEntry;
+};
+
+}  // namespace agent::spf::endpointregistry

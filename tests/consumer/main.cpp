@@ -1,0 +1,11 @@
+// Links against the installed library and uses its public headers only.
+#include <endpointregistry/endpoint.hpp>
+#include <foundation/log/admin.hpp>
+#include <iostream>
+
+int main() {
+  foundation::log::local::admin::get()->setSink("none");
+  agent::spf::endpointregistry::Endpoint empty;
+  std::cout << (empty ? "published" : "empty") << '\n';
+  return empty ? 1 : 0;
+}

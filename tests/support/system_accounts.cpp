@@ -1,0 +1,63 @@
+#include "support/system_accounts.hpp"
+
+#include <atomic>
+#include <cstdlib>
+#include <grp.h>
+#include <pwd.h>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace er::test {
+namespace {
+
+std::string uniqueName(const char* kind) {
+  static std::atomic<unsigned> counter{0};
+  return std::string("ert") + kind + std::to_string(getpid()) + "x" + std::to_string(counter++);
+}
+
+void run(const std::string& command) {
+  if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+    throw std::runtime_error("command failed: " + command);
+  }
+}
+
+}  // namespace
+
+bool runningAsRoot() { return geteuid() == 0; }
+
+TemporaryGroup::TemporaryGroup(const std::vector<std::string>& members) : name_(uniqueName("g")) {
+  run("groupadd " + name_);
+  if (!members.empty()) {
+    std::string list;
+    for (const auto& m : members) list += (list.empty() ? "" : ",") + m;
+    run("gpasswd -M " + list + " " + name_);
+  }
+  group* entry = getgrnam(name_.c_str());
+  if (entry == nullptr) throw std::runtime_error("group not found after groupadd: " + name_);
+  gid_ = entry->gr_gid;
+}
+
+TemporaryGroup::~TemporaryGroup() { (void)std::system(("groupdel " + name_ + " >/dev/null 2>&1").c_str()); }
+
+TemporaryUser::TemporaryUser() : name_(uniqueName("u")) {
+  run("useradd -M -N -g nogroup -s /usr/sbin/nologin " + name_);
+  passwd* entry = getpwnam(name_.c_str());
+  if (entry == nullptr) throw std::runtime_error("user not found after useradd: " + name_);
+  uid_ = entry->pw_uid;
+  gid_ = entry->pw_gid;
+}
+
+TemporaryUser::~TemporaryUser() { (void)std::system(("userdel " + name_ + " >/dev/null 2>&1").c_str()); }
+
+bool becomeUser(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
+  if (setgroups(groups.size(), groups.data()) != 0) return false;
+  if (setgid(gid) != 0) return false;
+  if (setuid(uid) != 0) return false;
+  return geteuid() == uid;
+}
+
+bool setSupplementaryGroups(const std::vector<gid_t>& groups) {
+  return setgroups(groups.size(), groups.data()) == 0;
+}
+
+}  // namespace er::test
