@@ -1,0 +1,40 @@
+#include "diagnostics/diagnostics.hpp"
+
+#include <boost/exception/diagnostic_information.hpp>
+#include <foundation/log/admin.hpp>
+
+namespace agent::spf::endpointregistry {
+
+const std::string registryDirectoryName = "qzEndpointRegistry";
+
+DiagnosticLogger& mainLogger() {
+  static DiagnosticLogger logger("agent::spf::endpointregistry");
+  return logger;
+}
+
+DiagnosticLogger& lifetimeLogger() {
+  static DiagnosticLogger logger("detail::agent::spf::endpointregistry::endpointmoveanddestruction");
+  return logger;
+}
+
+std::string caughtExceptionText() {
+  return "Exception caught: " + boost::current_exception_diagnostic_information(true);
+}
+
+void logCaughtException(DiagnosticLogger& logger) {
+  if (!logger.isEnabled(CaughtException)) return;
+  logMessage(logger, CaughtException, caughtExceptionText());
+}
+
+void enableDiagnostics() {
+  auto admin = foundation::log::local::admin::get();
+  admin->setSink("stdout");
+  admin->setChannelFilter("agent::spf::endpointregistry=all;agent::spf::sharedmemory=all");
+}
+
+void disableDiagnostics() {
+  auto admin = foundation::log::local::admin::get();
+  admin->setChannelFilter("");
+}
+
+}  // namespace agent::spf::endpointregistry

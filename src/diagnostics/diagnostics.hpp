@@ -53,6 +53,10 @@ void logMessage(DiagnosticLogger& logger, unsigned level, const Pieces&... piece
 // exception being handled. Call only inside a catch block.
 std::string caughtExceptionText();
 
+// Logs caughtExceptionText() at level 16 when that level is enabled. Call
+// only inside a catch block.
+void logCaughtException(DiagnosticLogger& logger);
+
 // Switch the library's own output on (stdout, all levels of this library's
 // and the shared-memory library's channels) and off. Not exported; nothing
 // in the library calls them.

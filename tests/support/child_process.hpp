@@ -2,11 +2,11 @@
 // explicit handshakes, bounded waits, and SIGKILL on scope exit.
 #pragma once
 
+#include <sys/types.h>
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 
 namespace er::test {
 
@@ -44,10 +44,10 @@ class ChildProcess {
 
   pid_t pid_ = -1;
   bool reaped_ = false;
-  int toChild_ = -1;    // parent writes
-  int fromChild_ = -1;  // parent reads
-  int toParent_ = -1;   // child writes
-  int fromParent_ = -1; // child reads
+  int toChild_ = -1;     // parent writes
+  int fromChild_ = -1;   // parent reads
+  int toParent_ = -1;    // child writes
+  int fromParent_ = -1;  // child reads
   std::string buffer_;
 };
 

@@ -1,8 +1,8 @@
 #include "support/log_capture.hpp"
 
+#include <unistd.h>
 #include <cstdio>
 #include <fstream>
-#include <unistd.h>
 
 #include <foundation/log/admin.hpp>
 

@@ -1,12 +1,12 @@
 #include "support/shm_files.hpp"
 
-#include <atomic>
-#include <cstdio>
 #include <dirent.h>
-#include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 
 namespace er::test {
 

@@ -2,9 +2,9 @@
 // check byte layouts, permissions and clean-up.
 #pragma once
 
+#include <sys/types.h>
 #include <set>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace er::test {

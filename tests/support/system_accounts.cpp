@@ -1,11 +1,11 @@
 #include "support/system_accounts.hpp"
 
-#include <atomic>
-#include <cstdlib>
 #include <grp.h>
 #include <pwd.h>
-#include <stdexcept>
 #include <unistd.h>
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
 
 namespace er::test {
 namespace {
@@ -56,8 +56,6 @@ bool becomeUser(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
   return geteuid() == uid;
 }
 
-bool setSupplementaryGroups(const std::vector<gid_t>& groups) {
-  return setgroups(groups.size(), groups.data()) == 0;
-}
+bool setSupplementaryGroups(const std::vector<gid_t>& groups) { return setgroups(groups.size(), groups.data()) == 0; }
 
 }  // namespace er::test

@@ -2,8 +2,8 @@
 // exist only while the object lives; creating them needs root.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+#include <string>
 #include <vector>
 
 namespace er::test {

@@ -44,9 +44,7 @@ class basic_diagnostic_logger
   basic_diagnostic_logger& operator=(const basic_diagnostic_logger&) = delete;
 
   // True when bit `level` is in the channel's enabled set.
-  bool isEnabled(unsigned level) const noexcept {
-    return (mask_->load(std::memory_order_relaxed) & level) != 0;
-  }
+  bool isEnabled(unsigned level) const noexcept { return (mask_->load(std::memory_order_relaxed) & level) != 0; }
 
   // The enabled set of the channel as a whole.
   unsigned enabledLevels() const noexcept { return mask_->load(std::memory_order_relaxed); }
