@@ -1,0 +1,147 @@
+#include "endpoint/endpoint_impl.hpp"
+
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+#include "diagnostics/diagnostics.hpp"
+#include "directory/segment_names.hpp"
+
+namespace agent::spf::endpointregistry {
+namespace {
+
+using agent::spf::sharedmemory::SharedMemory;
+
+constexpr SharedMemory::ImplementationSpecifications defaultSpecification{};
+
+RecordHeader& headerOf(SharedMemory& segment) { return *static_cast<RecordHeader*>(segment.getPointer()); }
+
+unsigned char* dataOf(SharedMemory& segment) {
+  return static_cast<unsigned char*>(segment.getPointer()) + recordDataOffset;
+}
+
+std::atomic_ref<std::uint8_t> livenessFlagOf(SharedMemory& segment) {
+  return std::atomic_ref<std::uint8_t>(headerOf(segment).livenessFlag);
+}
+
+}  // namespace
+
+Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, const std::string& trusteeArgument)
+    : trustee(checkTrustee(trusteeArgument)),
+      groupTag(groupTagArgument),
+      name(recordName(data, groupTagArgument, 0, trustee)),
+      sharedMemory(createSharedMemory(data)),
+      livenessLock(getLivenessLock()),
+      directoryEntry(name, trustee) {}
+
+Endpoint::Impl::~Impl() {
+  // From here on readers classify the record by the publisher's existence
+  // and no longer read its data; the members then go in reverse order: the
+  // name leaves the directory, the mutex is unlocked and destroyed, the
+  // segment is released.
+  if (sharedMemory.isAttached()) livenessFlagOf(sharedMemory).exchange(0);
+}
+
+std::string Endpoint::Impl::getGroupTag() const { return groupTag; }
+
+std::string Endpoint::Impl::getTrustee() const { return trustee; }
+
+Endpoint::Impl::DataPair Endpoint::Impl::getDataPair() { return getDataPair(name, trustee); }
+
+SharedMemory Endpoint::Impl::createSharedMemory(const DataPair& data) {
+  // Reclaims a stale segment of the same name, left by a crashed process
+  // that had the same process id, so that the creation below can succeed.
+  (void)getDataPair(name, trustee);
+
+  const unsigned long dataLength = recordDataLength(name);
+  SharedMemory segment = SharedMemory::create(name, recordSegmentSize(dataLength), trustee, defaultSpecification);
+  if (!segment.isAttached()) {
+    logMessage(mainLogger(), Error, "Endpoint::createSharedMemory Failed to create the shared memory");
+    throw std::runtime_error("System error: Endpoint::createSharedMemory: Failed to create shared memory");
+  }
+  unsigned char* out = dataOf(segment);
+  const std::size_t firstBytes = std::min<std::size_t>(data.first.size(), dataLength);
+  std::memcpy(out, data.first.data(), firstBytes);
+  std::memcpy(out + firstBytes, data.second.data(), std::min<std::size_t>(data.second.size(), dataLength - firstBytes));
+  headerOf(segment).firstLength = data.first.size();
+  return segment;
+}
+
+PThreadRobustLockGuard Endpoint::Impl::getLivenessLock() {
+  if (!sharedMemory.isAttached()) {
+    logMessage(mainLogger(), Error, "Endpoint::getLivenessLock Failed to get the liveness lock");
+    throw std::runtime_error("System error: Endpoint::getLivenessLockFailed to get liveness lock");
+  }
+  pthread_mutex_t* mutex = &headerOf(sharedMemory).livenessMutex;
+  PThreadRobustLockGuard::initializeMutex(mutex);
+  PThreadRobustLockGuard guard(mutex);
+  guard.setDestroyOnRelease();
+  livenessFlagOf(sharedMemory).exchange(1);
+  return guard;
+}
+
+SharedMemory Endpoint::Impl::findSharedMemory(const std::string& name, const std::string& trustee) {
+  const unsigned long dataLength = recordDataLength(name);
+  // A name can claim any length; one that no segment could have is not found.
+  if (dataLength > std::numeric_limits<std::size_t>::max() - recordSegmentSize(0)) return SharedMemory();
+  return SharedMemory::find(name, recordSegmentSize(dataLength), trustee, defaultSpecification);
+}
+
+RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
+  if (!segment.isAttached()) return Transient;
+  if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) {
+    // Mid-publication or mid-teardown while the publisher exists; stale once it is gone.
+    return getpgid(static_cast<pid_t>(pid)) != -1 ? Transient : Stale;
+  }
+  const int state = PThreadRobustLockGuard::getMutexState(&headerOf(segment).livenessMutex);
+  if (state == 0 || state == EOWNERDEAD) return Stale;
+  if (state == EBUSY || state == EDEADLK) return Live;
+  logMessage(mainLogger(), Error, "Endpoint::getState Mutex in undesired state. ", "(Mutex state ", state, ")");
+  throw std::runtime_error(
+      "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");
+}
+
+Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
+  if (recordFormat(name) != 0) return {};
+  SharedMemory segment = findSharedMemory(name, trustee);
+  if (!segment.isAttached()) return {};
+  const unsigned long pid = recordPid(name);
+
+  switch (getState(segment, pid)) {
+    case Stale:
+      // Only the reader whose exchange saw the flag set destroys the mutex.
+      if (livenessFlagOf(segment).exchange(0) != 0) pthread_mutex_destroy(&headerOf(segment).livenessMutex);
+      segment.markForDeletion();
+      eraseDirectoryName(name, trustee);
+      return {};
+    case Live: {
+      const std::string joined(reinterpret_cast<const char*>(dataOf(segment)), recordDataLength(name));
+      const std::uint64_t firstLength = headerOf(segment).firstLength;
+      std::string second = joined.substr(firstLength);
+      std::string first = joined.substr(0, firstLength);
+      // A copy taken while the publisher tore the record down is dropped.
+      if (getState(segment, pid) != Live) return {};
+      return {std::move(first), std::move(second)};
+    }
+    default:
+      return {};
+  }
+}
+
+std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag, const std::string& trustee) {
+  return listDirectoryNames(groupPrefix(groupTag), trustee);
+}
+
+std::size_t Endpoint::Impl::countSynonymEndpoints(const DataPair& data, const std::string& groupTag) {
+  std::size_t count = 0;
+  for (const std::string& name : listDirectoryNames(synonymPrefix(data, groupTag), "")) {
+    SharedMemory segment = findSharedMemory(name, "");
+    if (segment.isAttached() && getState(segment, recordPid(name)) != Stale) ++count;
+  }
+  return count;
+}
+
+}  // namespace agent::spf::endpointregistry
