@@ -1,0 +1,340 @@
+#include "agent/spf/sharedmemory/shared_memory.hpp"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+#include "diagnostic.hpp"
+#include "scope.hpp"
+
+namespace agent::spf::sharedmemory {
+
+using detail::Outcome;
+using detail::Problem;
+using detail::Scope;
+using detail::UniqueFd;
+
+enum class SharedMemory::OpenMode : unsigned char { Create, Find, CreateOrFind };
+
+namespace detail {
+
+DiagnosticLogger& logger() {
+  static DiagnosticLogger channel("agent::spf::sharedmemory");
+  return channel;
+}
+
+}  // namespace detail
+
+namespace {
+
+// Segments are opened like POSIX shared memory. O_NONBLOCK and O_NOCTTY keep
+// opening a planted FIFO or device from blocking or doing anything; such a
+// file is then refused as not regular.
+constexpr int segmentOpenFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+
+// createOrFind() waits this long at most for a segment that another process
+// is creating and has not sized yet.
+constexpr int createOrFindAttempts = 1000;
+constexpr std::chrono::milliseconds createOrFindPatience{200};
+
+// What a successful open hands to the handle.
+struct Opened {
+  void* address = nullptr;
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool created = false;
+};
+
+Outcome refused(std::string reason) { return {Problem::Refused, std::move(reason)}; }
+
+Outcome checkArguments(const std::string& name, std::size_t size) {
+  if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX ||
+      name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+    return refused("invalid name");
+  }
+  if (size == 0) return refused("size 0 is not allowed");
+  if (size > static_cast<std::size_t>(PTRDIFF_MAX)) return refused("size " + std::to_string(size) + " is too large");
+  return {};
+}
+
+// The name as it may appear in a log line: control bytes escaped, cut short
+// when longer than a name may be.
+std::string printable(const std::string& name) {
+  std::string text;
+  const std::size_t shown = name.size() > NAME_MAX ? NAME_MAX : name.size();
+  for (std::size_t i = 0; i < shown; ++i) {
+    const auto byte = static_cast<unsigned char>(name[i]);
+    if (byte < 0x20 || byte == 0x7f || byte == '\\') {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(byte));
+      text += escaped;
+    } else {
+      text += static_cast<char>(byte);
+    }
+  }
+  if (shown < name.size()) text += "...";
+  return text;
+}
+
+void logFailure(const char* operation, const Scope& scope, bool scopeKnown, const std::string& name,
+                const std::string& trustee, const Outcome& outcome) {
+  if (!detail::logEnabled(outcome.logLevel())) return;
+  if (scopeKnown) {
+    detail::logMessage(outcome.logLevel(), operation, ": ", scope.path, "/", printable(name), ": ", outcome.reason);
+  } else {
+    detail::logMessage(outcome.logLevel(), operation, ": \"", printable(name), "\" of trustee \"", printable(trustee),
+                       "\": ", outcome.reason);
+  }
+}
+
+// Logs a failure of a handle's own operation (release, markForDeletion).
+void logHandleFailure(const char* operation, const std::string& scopePath, const std::string& name,
+                      const Outcome& outcome) noexcept {
+  if (!detail::logEnabled(outcome.logLevel())) return;
+  try {
+    detail::logMessage(outcome.logLevel(), operation, ": ", scopePath, "/", printable(name), ": ", outcome.reason);
+  } catch (...) {
+    // No memory for the text; the line is dropped.
+  }
+}
+
+Outcome mapSegment(int fd, std::size_t size, Opened& opened) {
+  void* address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (address == MAP_FAILED) return detail::systemFailure("mmap", errno);
+  opened.address = address;
+  return {};
+}
+
+// Opens an existing segment and maps `size` bytes of it.
+Outcome findSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
+  UniqueFd fd(openat(folder, name.c_str(), segmentOpenFlags));
+  if (!fd.valid()) {
+    const int error = errno;
+    if (error == ENOENT) return {Problem::NotFound, "not found"};
+    if (error == ELOOP) return refused("is a symbolic link");
+    if (error == EISDIR || error == ENXIO || error == ENODEV) return refused("not a regular file");
+    return detail::systemFailure("open", error);
+  }
+  struct stat st {};
+  if (fstat(fd.get(), &st) != 0) return detail::systemFailure("fstat", errno);
+  Outcome checked = scope.checkSegment(st);
+  if (!checked.ok()) return checked;
+  // Mapping beyond the end of the file would fault on first access.
+  if (static_cast<std::uintmax_t>(st.st_size) < size) {
+    return {Problem::TooSmall, "size " + std::to_string(st.st_size) + " is smaller than " + std::to_string(size)};
+  }
+  opened.device = st.st_dev;
+  opened.inode = st.st_ino;
+  return mapSegment(fd.get(), size, opened);
+}
+
+// Creates the segment exclusively. It is made with mode 0, so that nobody
+// but root opens it before its owner, group and mode are set; it is sized
+// last, so a reader that sees the full size sees a finished segment.
+Outcome createSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
+  UniqueFd fd(openat(folder, name.c_str(), segmentOpenFlags | O_CREAT | O_EXCL, mode_t{0}));
+  if (!fd.valid()) {
+    const int error = errno;
+    if (error == EEXIST) return {Problem::Exists, "exists already"};
+    return detail::systemFailure("open", error);
+  }
+  struct stat st {};
+  if (fstat(fd.get(), &st) != 0) {
+    // Without the identity of the file its name cannot be removed safely.
+    return detail::systemFailure("fstat", errno);
+  }
+  auto undo = [&](Outcome failure) {
+    detail::removeIfSame(folder, name, st.st_dev, st.st_ino);
+    return failure;
+  };
+  const uid_t owner = scope.groupScope ? static_cast<uid_t>(-1) : scope.owner;
+  const gid_t group = scope.groupScope ? scope.group : static_cast<gid_t>(-1);
+  if (fchown(fd.get(), owner, group) != 0) return undo(detail::systemFailure("fchown", errno));
+  if (fchmod(fd.get(), scope.segmentMode) != 0) return undo(detail::systemFailure("fchmod", errno));
+  if (ftruncate(fd.get(), static_cast<off_t>(size)) != 0) return undo(detail::systemFailure("ftruncate", errno));
+  Outcome mapped = mapSegment(fd.get(), size, opened);
+  if (!mapped.ok()) return undo(mapped);
+  opened.device = st.st_dev;
+  opened.inode = st.st_ino;
+  opened.created = true;
+  return {};
+}
+
+// True when `name` is a regular file smaller than `size`: a segment another
+// process has created and not yet set up and sized.
+bool beingCreated(int folder, const std::string& name, std::size_t size) {
+  struct stat st {};
+  if (fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return S_ISREG(st.st_mode) && static_cast<std::uintmax_t>(st.st_size) < size;
+}
+
+Outcome createOrFindSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
+  const auto deadline = std::chrono::steady_clock::now() + createOrFindPatience;
+  for (int attempt = 1;; ++attempt) {
+    Outcome found = findSegment(scope, folder, name, size, opened);
+    if (found.ok()) return found;
+    if (found.problem == Problem::NotFound) {
+      Outcome created = createSegment(scope, folder, name, size, opened);
+      // Exists: another process created it in between; find it next round.
+      if (created.problem != Problem::Exists) return created;
+      found = std::move(created);
+    } else if (found.problem != Problem::TooSmall &&
+               !(found.problem == Problem::AccessDenied && beingCreated(folder, name, size))) {
+      return found;
+    }
+    if (attempt >= createOrFindAttempts || std::chrono::steady_clock::now() > deadline) return found;
+    sched_yield();
+  }
+}
+
+}  // namespace
+
+SharedMemory SharedMemory::create(const std::string& name, std::size_t size, const std::string& trustee,
+                                  ImplementationSpecifications) {
+  return attach(OpenMode::Create, name, size, trustee);
+}
+
+SharedMemory SharedMemory::find(const std::string& name, std::size_t size, const std::string& trustee,
+                                ImplementationSpecifications) {
+  return attach(OpenMode::Find, name, size, trustee);
+}
+
+SharedMemory SharedMemory::createOrFind(const std::string& name, std::size_t size, const std::string& trustee,
+                                        ImplementationSpecifications) {
+  return attach(OpenMode::CreateOrFind, name, size, trustee);
+}
+
+SharedMemory SharedMemory::attach(OpenMode mode, const std::string& name, std::size_t size,
+                                  const std::string& trustee) {
+  const char* operation = mode == OpenMode::Create ? "create" : mode == OpenMode::Find ? "find" : "createOrFind";
+  SharedMemory handle;
+  try {
+    Scope scope;
+    Outcome outcome = detail::resolveScope(trustee, scope);
+    if (!outcome.ok()) {
+      logFailure(operation, scope, false, name, trustee, outcome);
+      return handle;
+    }
+    outcome = checkArguments(name, size);
+    UniqueFd folder;
+    if (outcome.ok()) outcome = detail::openScopeFolder(scope, mode != OpenMode::Find, folder);
+    Opened opened;
+    if (outcome.ok()) {
+      // The handle's names are set before it owns the mapping, so that a
+      // failure to copy them leaves nothing behind.
+      handle.name_ = name;
+      handle.trustee_ = trustee;
+      handle.scopePath_ = scope.path;
+      if (mode == OpenMode::Create) {
+        outcome = createSegment(scope, folder.get(), name, size, opened);
+      } else if (mode == OpenMode::Find) {
+        outcome = findSegment(scope, folder.get(), name, size, opened);
+      } else {
+        outcome = createOrFindSegment(scope, folder.get(), name, size, opened);
+      }
+    }
+    if (!outcome.ok()) {
+      logFailure(operation, scope, true, name, trustee, outcome);
+      return SharedMemory();
+    }
+    handle.address_ = opened.address;
+    handle.size_ = size;
+    handle.creator_ = opened.created;
+    handle.device_ = opened.device;
+    handle.inode_ = opened.inode;
+  } catch (...) {
+    // Only memory for texts can run out here, before anything is mapped.
+    return SharedMemory();
+  }
+  return handle;
+}
+
+SharedMemory::SharedMemory(SharedMemory&& other) noexcept
+    : address_(std::exchange(other.address_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      creator_(std::exchange(other.creator_, false)),
+      keepName_(std::exchange(other.keepName_, false)),
+      device_(std::exchange(other.device_, 0)),
+      inode_(std::exchange(other.inode_, 0)),
+      name_(std::move(other.name_)),
+      trustee_(std::move(other.trustee_)),
+      scopePath_(std::move(other.scopePath_)) {
+  other.name_.clear();
+  other.trustee_.clear();
+  other.scopePath_.clear();
+}
+
+SharedMemory& SharedMemory::operator=(SharedMemory&& other) noexcept {
+  if (this == &other) return *this;
+  release();
+  address_ = std::exchange(other.address_, nullptr);
+  size_ = std::exchange(other.size_, 0);
+  creator_ = std::exchange(other.creator_, false);
+  keepName_ = std::exchange(other.keepName_, false);
+  device_ = std::exchange(other.device_, 0);
+  inode_ = std::exchange(other.inode_, 0);
+  name_.swap(other.name_);
+  trustee_.swap(other.trustee_);
+  scopePath_.swap(other.scopePath_);
+  return *this;
+}
+
+SharedMemory::~SharedMemory() { release(); }
+
+void SharedMemory::makePersistent() noexcept {
+  if (isAttached()) keepName_ = true;
+}
+
+void SharedMemory::markForDeletion() noexcept {
+  if (!isAttached()) return;
+  removeName("markForDeletion");
+  keepName_ = true;
+}
+
+void SharedMemory::release() noexcept {
+  if (address_ != nullptr) {
+    if (munmap(address_, size_) != 0) {
+      const int error = errno;
+      try {
+        logHandleFailure("release", scopePath_, name_, detail::systemFailure("munmap", error));
+      } catch (...) {
+        // No memory for the text; the line is dropped.
+      }
+    }
+    if (creator_ && !keepName_) removeName("release");
+  }
+  address_ = nullptr;
+  size_ = 0;
+  creator_ = false;
+  keepName_ = false;
+  device_ = 0;
+  inode_ = 0;
+  name_.clear();
+  trustee_.clear();
+  scopePath_.clear();
+}
+
+void SharedMemory::removeName(const char* operation) noexcept {
+  try {
+    Outcome outcome;
+    UniqueFd folder(::open(scopePath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (folder.valid()) {
+      outcome = detail::removeIfSame(folder.get(), name_, device_, inode_);
+    } else if (errno != ENOENT) {
+      outcome = detail::systemFailure("open of the scope folder", errno);
+    }
+    if (!outcome.ok()) logHandleFailure(operation, scopePath_, name_, outcome);
+  } catch (...) {
+    // Only the text of a failure can run out of memory; the line is dropped.
+  }
+}
+
+}  // namespace agent::spf::sharedmemory

@@ -24,9 +24,9 @@
 // must not be used from two threads at once.
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <string>
-#include <sys/types.h>
 
 namespace agent::spf::sharedmemory {
 
@@ -71,13 +71,18 @@ class SharedMemory {
 
   // The segment outlives every process: releasing does not remove its name.
   void makePersistent() noexcept;
-  // Removes the name now (if it still names this segment); mappings stay
-  // valid until released.
+  // Removes the name now (if it still names this segment), also after
+  // makePersistent(); mappings stay valid until released.
   void markForDeletion() noexcept;
 
  private:
+  enum class OpenMode : unsigned char;
+  // The work of create(), find() and createOrFind(); logs any failure.
+  static SharedMemory attach(OpenMode mode, const std::string& name, std::size_t size, const std::string& trustee);
   void release() noexcept;
-  void removeName() noexcept;
+  // Removes the name if it still names this handle's segment; `operation`
+  // heads any log line.
+  void removeName(const char* operation) noexcept;
 
   void* address_ = nullptr;
   std::size_t size_ = 0;
