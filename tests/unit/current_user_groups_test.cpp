@@ -13,6 +13,7 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <pwd.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -437,4 +438,10 @@ TEST_F(CheckTrusteeTest, RefusesEveryNameWithoutGroupsEvenWhenNotLogging) {
   });
   const std::string refused = std::string("invalid_argument:") + refusalText;
   EXPECT_EQ(report.lines, (std::vector<std::string>{refused, refused, "value:"}));
+}
+
+TEST(CurrentUserNameTest, IsTheEffectiveUsersName) {
+  const passwd* entry = getpwuid(geteuid());
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ(registry::getCurrentUserName(), entry->pw_name);
 }
