@@ -41,9 +41,10 @@ namespace {
 constexpr int segmentOpenFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
 // createOrFind() waits this long at most for a segment that another process
-// is creating and has not sized yet.
-constexpr int createOrFindAttempts = 1000;
-constexpr std::chrono::milliseconds createOrFindPatience{200};
+// is creating and has not sized yet (a creator may be preempted between
+// creating and sizing). The count bounds the tries when yielding is cheap.
+constexpr int createOrFindAttempts = 100000;
+constexpr std::chrono::milliseconds createOrFindPatience{500};
 
 // What a successful open hands to the handle.
 struct Opened {
