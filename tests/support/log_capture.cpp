@@ -37,12 +37,18 @@ std::vector<std::string> LogCapture::lines() {
 std::vector<LogRecord> LogCapture::records() {
   std::vector<LogRecord> result;
   for (const auto& line : lines()) {
-    // <time> <pid>:<tid> <channel> <level>: <message>
+    // <time> <pid>:<tid> <channel> <level>: <message>; a message that holds
+    // line breaks continues on lines of its own.
     std::size_t a = line.find(' ');
     std::size_t b = a == std::string::npos ? a : line.find(' ', a + 1);
     std::size_t c = b == std::string::npos ? b : line.find(' ', b + 1);
     std::size_t d = c == std::string::npos ? c : line.find(": ", c + 1);
-    if (d == std::string::npos) continue;
+    const bool header = d != std::string::npos && line.size() > 26 && line[10] == 'T' && line[19] == '.' &&
+                        line.find_first_not_of("0123456789", c + 1) == d;
+    if (!header) {
+      if (!result.empty()) result.back().message += "\n" + line;
+      continue;
+    }
     LogRecord record;
     record.channel = line.substr(b + 1, c - b - 1);
     record.level = static_cast<unsigned>(std::stoul(line.substr(c + 1, d - c - 1)));
