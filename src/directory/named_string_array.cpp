@@ -354,8 +354,14 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
   header.containerNumber[inactive] = newNumber;
   header.rowWidth[inactive] = *newWidth;
 
-  SharedMemory fresh =
-      SharedMemory::createOrFind(makeContainerName(newNumber), *newSize, trustee, implementationSpecifications);
+  const std::string freshName = makeContainerName(newNumber);
+  SharedMemory fresh = SharedMemory::createOrFind(freshName, *newSize, trustee, implementationSpecifications);
+  if (!fresh.isAttached()) {
+    // Only a damaged directory leaves a segment under the next number, and
+    // one too small to be found blocks the name: it goes, and one more try.
+    removeSegment(freshName, trustee, implementationSpecifications);
+    fresh = SharedMemory::createOrFind(freshName, *newSize, trustee, implementationSpecifications);
+  }
   if (!fresh.isAttached()) {
     header.rowCount[inactive] = header.containerNumber[inactive] = header.rowWidth[inactive] = 0;
     logMessage(mainLogger(), Error, "NamedStringArray::reorganize: ", "Container shared memory could not be created.");
@@ -365,7 +371,7 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
   if (fresh.isCreator()) {
     fresh.makePersistent();
   } else {
-    // Only a damaged directory leaves a segment under the next number behind;
+    // A segment found under the next number was left by a damaged directory;
     // its old bytes must not show up as entries.
     std::memset(fresh.getPointer(), 0, *newSize);
   }
