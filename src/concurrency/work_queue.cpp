@@ -1,0 +1,169 @@
+#include "concurrency/work_queue.hpp"
+
+#include <pthread.h>
+#include <unistd.h>
+#include <exception>
+#include <future>
+#include <new>
+#include <utility>
+
+#include "diagnostics/diagnostics.hpp"
+
+namespace agent::spf::endpointregistry {
+
+namespace {
+
+// Guards the process's weak reference to its queue and the creation of a
+// queue. Never held while pushing or waiting for a job. Constant-initialised
+// and trivially destructible, so it is usable at any time, and may be
+// re-constructed in place in a forked child (see forgetQueueInForkedChild).
+std::mutex queueMutex;
+
+// The process's queue, if one is live. The weak reference never keeps the
+// queue alive; the guards do. Read and written under queueMutex.
+std::weak_ptr<WorkQueue>& currentQueue() {
+  static std::weak_ptr<WorkQueue> queue;
+  return queue;
+}
+
+// Runs in a forked child, on its only thread, before fork() returns there.
+// The parent's work thread does not exist in the child, so the child must
+// not push to the parent's queue: it forgets it, and its first request
+// starts a work thread of its own.
+//
+// Another thread of the parent may have held queueMutex at the moment of the
+// fork, possibly half-way through writing the weak reference. That thread
+// does not exist in the child, so neither object can be trusted or unlocked:
+// both are re-constructed in place over their old bytes, without running
+// their destructors. The mutex has no state beyond its bytes; the old weak
+// reference is leaked (at most one control block per fork, in the child).
+void forgetQueueInForkedChild() noexcept {
+  ::new (static_cast<void*>(&queueMutex)) std::mutex;
+  ::new (static_cast<void*>(&currentQueue())) std::weak_ptr<WorkQueue>;
+}
+
+std::once_flag forkHandlerOnce;
+
+// Registers the fork handler once per process. The registration comes before
+// the first queue is made, so no child can inherit a queue unnoticed.
+void registerForkHandler() {
+  std::call_once(forkHandlerOnce, [] { pthread_atfork(nullptr, nullptr, &forgetQueueInForkedChild); });
+}
+
+}  // namespace
+
+WorkQueue::WorkQueue() : creatorPid(getpid()) { thread = std::thread(&WorkQueue::run, this); }
+
+WorkQueue::~WorkQueue() {
+  if (getpid() != creatorPid) {
+    abandonInForkedChild();
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stop = true;
+  }
+  condition.notify_all();
+  if (thread.joinable()) {
+    thread.join();
+  } else {
+    logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to join the work thread ");
+  }
+}
+
+// This queue was made by the parent of a forked child; its thread exists
+// only in the parent. Joining would fail, and a joinable std::thread would
+// end the process when destroyed; the condition variable may still count the
+// parent thread's wait, so destroying it could block for ever; the mutex and
+// the job queue may have been caught half-way through a change. So the
+// members are not stopped or joined: the thread handle is moved into a heap
+// object that is intentionally leaked, and the other members are replaced by
+// fresh ones without destroying the old (their memory and the pending jobs
+// are leaked), so that the member destructors that run next see clean
+// objects.
+void WorkQueue::abandonInForkedChild() noexcept {
+  new std::thread(std::move(thread));
+  ::new (static_cast<void*>(&mutex)) std::mutex;
+  ::new (static_cast<void*>(&jobs)) std::deque<std::function<void()>>;
+  ::new (static_cast<void*>(&condition)) std::condition_variable;
+}
+
+void WorkQueue::push(std::function<void()> job) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    jobs.push_back(std::move(job));
+  }
+  condition.notify_one();
+}
+
+void WorkQueue::run() {
+  for (;;) {
+    std::function<void()> job;
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      condition.wait(lock, [this] { return stop || !jobs.empty(); });
+      if (stop) return;  // jobs still queued are destroyed with the queue, unrun
+      job = std::move(jobs.front());
+      jobs.pop_front();
+    }
+    try {
+      job();
+    } catch (...) {
+      // The thread survives a failing job. A failure to log is dropped too,
+      // since an exception leaving this function would end the process.
+      try {
+        if (mainLogger().isEnabled(CaughtException)) {
+          logMessage(mainLogger(), CaughtException, caughtExceptionText());
+        }
+        logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to execute work package");
+      } catch (...) {
+      }
+    }
+  }
+}
+
+WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
+  registerForkHandler();
+  std::shared_ptr<WorkQueue> queue;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    queue = currentQueue().lock();
+    if (!queue) {
+      queue = std::make_shared<WorkQueue>();
+      currentQueue() = queue;
+    }
+  }
+  queue->push(std::move(job));
+  workQueue = std::move(queue);
+}
+
+WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, int& result) {
+  auto promise = std::make_shared<std::promise<int>>();
+  std::future<int> future = promise->get_future();
+
+  // The job hands the function's value or exception to the waiting caller.
+  // It throws only if its promise were already satisfied, which cannot be
+  // for a promise made here.
+  WorkThreadGuard guard([promise, function = std::move(function)]() {
+    int value = 0;
+    try {
+      if (!function) throw std::bad_function_call();
+      value = function();
+    } catch (...) {
+      promise->set_exception(std::current_exception());
+      return;
+    }
+    promise->set_value(value);
+  });
+
+  try {
+    result = future.get();
+  } catch (const std::exception& error) {
+    logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to execute the provided function in the work thread. ",
+               "Error: ", error.what());
+    throw;
+  }
+  return guard;
+}
+
+}  // namespace agent::spf::endpointregistry

@@ -12,8 +12,15 @@
 // Rules: a job must never call executeAndSet() (it would wait for a job
 // queued behind itself), and the last guard of a queue must not be dropped
 // on the work thread.
+//
+// Fork: a forked child forgets its parent's queue, so its first request
+// starts a work thread of its own. Guards inherited from the parent still
+// refer to the parent's queue object; when the child drops the last of them,
+// the queue is abandoned (never joined, its state leaked) rather than
+// stopped, since its thread does not exist in the child.
 #pragma once
 
+#include <sys/types.h>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -28,6 +35,7 @@ class WorkQueue {
   // Starts the thread; std::system_error if it cannot be started.
   WorkQueue();
   // Stops the loop (pending jobs are destroyed unrun) and joins the thread.
+  // In a forked child of the creating process it only abandons the queue.
   ~WorkQueue();
   WorkQueue(const WorkQueue&) = delete;
   WorkQueue& operator=(const WorkQueue&) = delete;
@@ -40,12 +48,14 @@ class WorkQueue {
 
  private:
   void run();
+  void abandonInForkedChild() noexcept;
 
   std::mutex mutex;
   bool stop = false;
   std::deque<std::function<void()>> jobs;
   std::condition_variable condition;
   std::thread thread;
+  pid_t creatorPid;  // the process whose thread `thread` is
 };
 
 class WorkThreadGuard {
