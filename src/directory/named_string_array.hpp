@@ -25,11 +25,21 @@
 // Every read and write of rows, descriptors and activeSlot happens under the
 // base's mutex. Readers never trust the bytes: whatever a dead or buggy
 // writer left, they stay inside the mapped segments.
+//
+// Damaged directories. A descriptor is absurd when its size overflows, its
+// container would exceed 32 MiB or 2^20 rows, or it has rows of width 0. A
+// directory whose active descriptor is absurd, or whose container is shorter
+// than described, reads as empty (erase logs its container as not found),
+// and the next insert rebuilds it empty under the next number, removing the
+// old segment. An activeSlot other than 0 or 1 reads as its low bit; only
+// initialized == 1 counts as initialised. A string runs to its zero byte or
+// to the end of its row, whichever comes first. An initialisation claim by a
+// process that still exists is withdrawn after 3 seconds (a reused pid).
 #pragma once
 
+#include <pthread.h>
 #include <cstddef>
 #include <cstdint>
-#include <pthread.h>
 #include <string>
 #include <utility>
 #include <vector>
