@@ -1,0 +1,118 @@
+#include "concurrency/robust_lock_guard.hpp"
+
+#include <cerrno>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "diagnostics/diagnostics.hpp"
+
+namespace agent::spf::endpointregistry {
+
+// The state of one held lock. The lock is taken on the work thread when the
+// Impl is made and released there when it is destroyed; `workThread` keeps
+// that thread alive in between, since a robust mutex counts as abandoned as
+// soon as its owning thread ends.
+class PThreadRobustLockGuard::Impl {
+ public:
+  explicit Impl(pthread_mutex_t* mutex) : mutexPtr(mutex), workThread(getLockedMutexThread()) {}
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  pthread_mutex_t* mutexPtr;
+  // Written once by the owner before any other use of the guard.
+  bool destroyOnRelease = false;
+  WorkThreadGuard workThread;
+
+ private:
+  WorkThreadGuard getLockedMutexThread();
+};
+
+void PThreadRobustLockGuard::initializeMutex(pthread_mutex_t* mutex) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  const int result = pthread_mutex_init(mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  if (result == 0) return;
+
+  // Both texts carry errno, not the result of pthread_mutex_init.
+  const int error = errno;
+  logMessage(mainLogger(), Error, "PThreadRobustLockGuard: ", "Failed to initialize the mutex. (Error ", error, ")");
+  throw std::runtime_error("System error: Endpoint::PThreadRobustLockGuard: Failed to initialize the mutex (Error " +
+                           std::to_string(error) + ")");
+}
+
+int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
+  const int result = pthread_mutex_trylock(mutex);
+  if (result != 0 && result != EOWNERDEAD) return result;
+  if (result == EOWNERDEAD) pthread_mutex_consistent(mutex);
+  pthread_mutex_unlock(mutex);
+  return result;
+}
+
+// Runs on the caller's thread; the lock itself is taken on the work thread.
+WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
+  if (mutexPtr == nullptr) {
+    logMessage(mainLogger(), Error, "PThreadRobustLockGuard::getLockedMutexThread: ", "mutexPtr cannot be null.");
+    throw std::runtime_error(
+        "System error: Endpoint::getLockedMutexThread::getLockedMutexThread: Mutex cannot be null");
+  }
+
+  // A mutex left behind by a dead owner is repaired and kept; its previous
+  // owner's death is not reported further.
+  auto lockJob = [this] {
+    const int result = pthread_mutex_lock(mutexPtr);
+    if (result == EOWNERDEAD) return pthread_mutex_consistent(mutexPtr);
+    return result;
+  };
+
+  int result = 0;
+  WorkThreadGuard guard = WorkThreadGuard::executeAndSet(lockJob, result);
+  // EDEADLK: another guard of this process holds the mutex on the work
+  // thread. Blocking there would stall the queue on which that guard's
+  // unlock must run, so the lock is re-queued behind the waiting jobs until
+  // the other guard is gone. A deliberate busy retry.
+  while (result == EDEADLK) {
+    guard = WorkThreadGuard::executeAndSet(lockJob, result);
+  }
+  if (result == 0) return guard;
+
+  logMessage(mainLogger(), Error, "PThreadRobustLockGuard::getLockedMutexThread ", "Failed to lock the mutex. (Error ",
+             result, ")");
+  throw std::runtime_error(
+      "System error: Endpoint::PThreadRobustLockGuard::getLockedMutexThread: Failed to lock the mutex. (Error " +
+      std::to_string(result) + ")");
+}
+
+// Never throws: a failure to run the unlock on the work thread ends the
+// process (the destructor is noexcept), since the lock could never be
+// released otherwise.
+PThreadRobustLockGuard::Impl::~Impl() {
+  int result = 0;
+  workThread = WorkThreadGuard::executeAndSet([this] { return pthread_mutex_unlock(mutexPtr); }, result);
+  if (result != 0) {
+    logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to unlock the mutex. (Error ", result, ")");
+  }
+  // Destroyed on the caller's thread, after the work thread let go of it.
+  if (destroyOnRelease && pthread_mutex_destroy(mutexPtr) != 0) {
+    logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to destroy the mutex . (Error ", errno, ")");
+  }
+}
+
+PThreadRobustLockGuard::PThreadRobustLockGuard(pthread_mutex_t* mutexPtr) : impl(std::make_unique<Impl>(mutexPtr)) {}
+
+PThreadRobustLockGuard::PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept = default;
+
+// unique_ptr's move assignment takes the other's Impl first, then destroys
+// the previous one, which releases its lock at once.
+PThreadRobustLockGuard& PThreadRobustLockGuard::operator=(PThreadRobustLockGuard&&) noexcept = default;
+
+PThreadRobustLockGuard::~PThreadRobustLockGuard() = default;
+
+void PThreadRobustLockGuard::setDestroyOnRelease() { impl->destroyOnRelease = true; }
+
+}  // namespace agent::spf::endpointregistry
