@@ -9,8 +9,8 @@
 // first guard is gone (EDEADLK retry), rather than blocking the work thread.
 #pragma once
 
-#include <memory>
 #include <pthread.h>
+#include <memory>
 
 #include "concurrency/work_queue.hpp"
 
