@@ -1,0 +1,126 @@
+// publish and list in real processes: a publisher in the background, listings
+// in the foreground, and withdrawal on SIGINT and SIGTERM.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "directory/segment_names.hpp"
+#include "support/registry_cleanup.hpp"
+#include "support/shm_files.hpp"
+#include "tool_process.hpp"
+
+namespace er::test {
+namespace {
+
+using nlohmann::json;
+
+class CliPublishListTest : public ::testing::Test {
+ protected:
+  // Starts `publish first second --group tag` and waits for its live line.
+  std::unique_ptr<ToolProcess> publish(const std::string& first, const std::string& second, const std::string& group) {
+    auto publisher =
+        std::make_unique<ToolProcess>(std::vector<std::string>{"publish", first, second, "--group", group});
+    const std::optional<std::string> line = publisher->readLine();
+    EXPECT_EQ(line, "live: " + first + " " + second + " (group " + group + ")") << publisher->errors();
+    return publisher;
+  }
+
+  // The record segments of `group` in the user's own scope.
+  std::set<std::string> recordFiles(const std::string& group) {
+    return filesIn(userScope(), agent::spf::endpointregistry::groupPrefix(group));
+  }
+
+  std::string tag = uniqueName("cliPub");
+  std::string otherTag = uniqueName("cliPubOther");
+  RegistryCleanup cleanup{tag};
+  RegistryCleanup otherCleanup{otherTag};
+};
+
+TEST_F(CliPublishListTest, PublishedEndpointIsListedAsATable) {
+  auto publisher = publish("10.0.0.1", "8080", tag);
+  const ToolRun run = runTool({"list", "--group", tag});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out, "FIRST     SECOND\n10.0.0.1  8080\n");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(CliPublishListTest, JsonListIsSortedArrayOfPairs) {
+  auto second = publish("b", "2", tag);
+  auto first = publish("a", "1", tag);
+  const ToolRun run = runTool({"list", "--group", tag, "--json"});
+  ASSERT_EQ(run.exitCode, 0);
+  const json parsed = json::parse(run.out);
+  EXPECT_EQ(parsed, json::parse(R"([{"first": "a", "second": "1"}, {"first": "b", "second": "2"}])"));
+}
+
+TEST_F(CliPublishListTest, GroupOptionSelectsOneGroupTag) {
+  auto one = publish("one", "1", tag);
+  auto two = publish("two", "2", otherTag);
+  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\none    1\n");
+  EXPECT_EQ(runTool({"list", "--group", otherTag}).out, "FIRST  SECOND\ntwo    2\n");
+  const json all = json::parse(runTool({"list", "--json"}).out);
+  EXPECT_NE(std::find(all.begin(), all.end(), json{{"first", "one"}, {"second", "1"}}), all.end()) << all;
+  EXPECT_NE(std::find(all.begin(), all.end(), json{{"first", "two"}, {"second", "2"}}), all.end()) << all;
+}
+
+TEST_F(CliPublishListTest, ExitStatusSaysWhetherAnythingWasFound) {
+  const ToolRun none = runTool({"list", "--group", tag, "--exit-status"});
+  EXPECT_EQ(none.exitCode, 3);
+  EXPECT_EQ(none.out, "FIRST  SECOND\n");
+  EXPECT_EQ(runTool({"list", "--group", tag}).exitCode, 0);
+  EXPECT_EQ(runTool({"list", "--group", tag, "--json", "--exit-status"}).exitCode, 3);
+
+  auto publisher = publish("x", "y", tag);
+  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 0);
+}
+
+TEST_F(CliPublishListTest, SigintWithdrawsTheEndpoint) {
+  auto publisher = publish("10.0.0.1", "8080", tag);
+  EXPECT_EQ(recordFiles(tag).size(), 1u);
+  publisher->signal(SIGINT);
+  EXPECT_EQ(publisher->readLine(), "withdrawn: 10.0.0.1 8080");
+  EXPECT_EQ(publisher->wait(), 0);
+  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\n");
+  EXPECT_TRUE(recordFiles(tag).empty());
+}
+
+TEST_F(CliPublishListTest, SigtermWithdrawsTheEndpoint) {
+  auto publisher = publish("10.0.0.1", "8080", tag);
+  publisher->signal(SIGTERM);
+  EXPECT_EQ(publisher->readLine(), "withdrawn: 10.0.0.1 8080");
+  EXPECT_EQ(publisher->wait(), 0);
+  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
+  EXPECT_TRUE(recordFiles(tag).empty());
+}
+
+TEST_F(CliPublishListTest, DuplicateIsRefusedWithTheLibraryMessage) {
+  auto publisher = publish("10.0.0.1", "8080", tag);
+  const ToolRun duplicate = runTool({"publish", "10.0.0.1", "8080", "--group", tag});
+  EXPECT_EQ(duplicate.exitCode, 1);
+  EXPECT_EQ(duplicate.out, "");
+  EXPECT_EQ(duplicate.err, "endpointregistry: error: Endpoint already exists in registry\n");
+  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST     SECOND\n10.0.0.1  8080\n");
+}
+
+TEST_F(CliPublishListTest, TrusteeThatIsNoGroupOfTheUserIsRefused) {
+  const ToolRun run = runTool({"publish", "a", "b", "--group", tag, "--trustee", uniqueName("noSuchGroup")});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "endpointregistry: error: Trustees can only be groups of the current user\n");
+  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
+  EXPECT_TRUE(recordFiles(tag).empty());
+}
+
+TEST_F(CliPublishListTest, EmptyStringIsShownAsQuotes) {
+  auto publisher = std::make_unique<ToolProcess>(std::vector<std::string>{"publish", "", "only", "--group", tag});
+  EXPECT_EQ(publisher->readLine(), "live: \"\" only (group " + tag + ")");
+  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\n\"\"     only\n");
+  EXPECT_EQ(json::parse(runTool({"list", "--group", tag, "--json"}).out),
+            json::parse(R"([{"first": "", "second": "only"}])"));
+}
+
+}  // namespace
+}  // namespace er::test

@@ -1,0 +1,99 @@
+// The tool's command line: version, help, and the exit code 2 with a message
+// on stderr for every kind of bad command line; exit code 1 with the
+// library's message for a refused request.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tool_process.hpp"
+
+namespace er::test {
+namespace {
+
+constexpr char moreInformation[] = "\nRun with --help for more information.\n";
+
+TEST(CliUsageTest, VersionPrintsTheProjectVersion) {
+  const ToolRun run = runTool({"--version"});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out, std::string("endpointregistry ") + ENDPOINTREGISTRY_VERSION + "\n");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST(CliUsageTest, HelpNamesEverySubcommandAndGlobalOption) {
+  const ToolRun run = runTool({"--help"});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out.rfind("Publish and discover endpoints in the shared-memory registry\nUsage: endpointregistry ", 0),
+            0u)
+      << run.out;
+  for (const char* word : {"\n  list ", "\n  publish ", "\n  watch ", "\n  groups ", "\n  inspect ", "\n  gc ",
+                           "--verbose", "--version"}) {
+    EXPECT_NE(run.out.find(word), std::string::npos) << word;
+  }
+}
+
+TEST(CliUsageTest, EverySubcommandHasHelp) {
+  for (const char* command : {"list", "publish", "watch", "groups", "inspect", "gc"}) {
+    const ToolRun run = runTool({command, "--help"});
+    EXPECT_EQ(run.exitCode, 0) << command;
+    EXPECT_NE(run.out.find(std::string("Usage: endpointregistry ") + command), std::string::npos) << run.out;
+  }
+}
+
+TEST(CliUsageTest, MissingSubcommandIsAUsageError) {
+  const ToolRun run = runTool({});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, std::string("endpointregistry: A subcommand is required") + moreInformation);
+}
+
+TEST(CliUsageTest, UnknownOptionIsAUsageError) {
+  const ToolRun run = runTool({"list", "--bogus"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err,
+            std::string("endpointregistry: The following argument was not expected: --bogus") + moreInformation);
+}
+
+TEST(CliUsageTest, PublishNeedsAGroupTag) {
+  const ToolRun run = runTool({"publish", "a", "b"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err, std::string("endpointregistry: --group is required") + moreInformation);
+}
+
+TEST(CliUsageTest, PublishNeedsBothDataStrings) {
+  const ToolRun run = runTool({"publish", "a", "--group", "g"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err, std::string("endpointregistry: SECOND is required") + moreInformation);
+}
+
+TEST(CliUsageTest, TrusteeAndAllTrusteesExcludeEachOther) {
+  const ToolRun run = runTool({"list", "--trustee", "adm", "--all-trustees"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err, std::string("endpointregistry: --trustee excludes --all-trustees") + moreInformation);
+}
+
+TEST(CliUsageTest, WatchIntervalMustBePositive) {
+  const ToolRun run = runTool({"watch", "--interval", "0"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err, std::string("endpointregistry: --interval: Value 0 not in range 1 to 3600000") + moreInformation);
+}
+
+TEST(CliUsageTest, RefusedRequestExitsWithOneAndTheLibraryMessage) {
+  const ToolRun run = runTool({"publish", "", "", "--group", "g"});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "endpointregistry: error: Endpoint data strings cannot be both empty\n");
+}
+
+TEST(CliUsageTest, VerboseWritesTheLibraryDiagnosticsToStderr) {
+  const ToolRun run = runTool({"--verbose", "publish", "", "", "--group", "g"});
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_NE(run.err.find(" agent::spf::endpointregistry 512: Endpoint(): Data strings cannot be both empty.\n"),
+            std::string::npos)
+      << run.err;
+  const ToolRun quiet = runTool({"publish", "", "", "--group", "g"});
+  EXPECT_EQ(quiet.err.find("Endpoint(): Data strings cannot be both empty."), std::string::npos);
+}
+
+}  // namespace
+}  // namespace er::test

@@ -1,0 +1,68 @@
+// endpointregistry: the command-line tool of the endpoint registry.
+//
+// Subcommands list, publish, watch, groups, inspect and gc (command.hpp).
+// Global options: --verbose sends the library's diagnostics to stderr,
+// --version prints the version, --help works at every level. Exit codes:
+// 0 success, 1 an error (its message on stderr), 2 a bad command line, 3 when
+// list --exit-status finds nothing.
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <foundation/log/admin.hpp>
+
+#include "command.hpp"
+
+namespace {
+
+using namespace agent::spf::endpointregistry::tool;
+
+// Every level of the registry's channels and of the shared-memory library's.
+constexpr char verboseFilter[] =
+    "agent::spf::endpointregistry=all;detail::agent::spf::endpointregistry::endpointmoveanddestruction=all;"
+    "agent::spf::sharedmemory=all";
+
+void enableVerboseDiagnostics() {
+  auto admin = foundation::log::local::admin::get();
+  admin->setSink("stderr");
+  admin->setChannelFilter(verboseFilter);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Publish and discover endpoints in the shared-memory registry", "endpointregistry");
+  app.set_version_flag("--version", "endpointregistry " ENDPOINTREGISTRY_VERSION);
+  bool verbose = false;
+  app.add_flag("-v,--verbose", verbose, "Write the library's diagnostics to stderr");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("endpointregistry: ") + error.what() + "\nRun with --help for more information.\n";
+  });
+
+  CommandRun run;
+  addListCommand(app, run);
+  addPublishCommand(app, run);
+  addWatchCommand(app, run);
+  addGroupsCommand(app, run);
+  addInspectCommand(app, run);
+  addGcCommand(app, run);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int code = app.exit(error);
+    return code == 0 ? Success : UsageError;
+  }
+
+  try {
+    if (verbose) enableVerboseDiagnostics();
+    return run();
+  } catch (const std::exception& error) {
+    std::cout.flush();
+    std::cerr << "endpointregistry: error: " << error.what() << std::endl;
+    return Failure;
+  }
+}
