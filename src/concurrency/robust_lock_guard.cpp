@@ -1,5 +1,8 @@
 #include "concurrency/robust_lock_guard.hpp"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <exception>
 #include <stdexcept>
@@ -24,6 +27,9 @@ class PThreadRobustLockGuard::Impl {
   // Written once by the owner before any other use of the guard.
   bool destroyOnRelease = false;
   WorkThreadGuard workThread;
+  // The process whose work thread holds the lock; a forked child inherits
+  // the guard but not the lock.
+  pid_t ownerPid = getpid();
 
  private:
   WorkThreadGuard getLockedMutexThread();
@@ -52,6 +58,20 @@ int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
   if (result == EOWNERDEAD) pthread_mutex_consistent(mutex);
   pthread_mutex_unlock(mutex);
   return result;
+}
+
+bool PThreadRobustLockGuard::isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process) {
+  // A robust mutex keeps its owner's thread id in the low bits of its lock
+  // word. The kernel marks at most 2,048 robust mutexes of a dying thread as
+  // owner-dead; any further ones keep the dead thread's id, and only this
+  // check tells them from held ones.
+  constexpr unsigned threadIdMask = 0x3fffffff;
+  auto* lockWord = const_cast<unsigned*>(reinterpret_cast<const unsigned*>(mutex));
+  const unsigned word = std::atomic_ref<unsigned>(*lockWord).load();
+  const pid_t owner = static_cast<pid_t>(word & threadIdMask);
+  if (owner == 0) return true;  // nothing to judge by: trust the lock
+  if (syscall(SYS_tgkill, process, owner, 0) == 0) return true;
+  return errno != ESRCH;  // EPERM: the thread exists, owned by another user
 }
 
 // Runs on the caller's thread; the lock itself is taken on the work thread.
@@ -92,6 +112,9 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
 // process (the destructor is noexcept), since the lock could never be
 // released otherwise.
 PThreadRobustLockGuard::Impl::~Impl() {
+  // In a forked child the lock belongs to the parent's work thread: leave it
+  // alone. Only the inherited reference to the parent's queue goes.
+  if (getpid() != ownerPid) return;
   int result = 0;
   workThread = WorkThreadGuard::executeAndSet([this] { return pthread_mutex_unlock(mutexPtr); }, result);
   if (result != 0) {

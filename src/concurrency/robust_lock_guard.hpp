@@ -10,6 +10,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 #include <memory>
 
 #include "concurrency/work_queue.hpp"
@@ -28,6 +29,12 @@ class PThreadRobustLockGuard {
   // calling thread). Never logs.
   static int getMutexState(pthread_mutex_t* mutex);
 
+  // For a mutex that probes as held (EBUSY): true unless the thread that
+  // holds it is known to have ended, or not to belong to `process`. The
+  // kernel repairs at most 2,048 robust mutexes per dying thread; the others
+  // stay locked by a thread that no longer exists.
+  static bool isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process);
+
   // Returns with the mutex locked by the work thread; repairs an owner-dead
   // mutex silently. Throws std::runtime_error on a null mutex or a lock error.
   explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr);
@@ -37,7 +44,8 @@ class PThreadRobustLockGuard {
   PThreadRobustLockGuard(const PThreadRobustLockGuard&) = delete;
   PThreadRobustLockGuard& operator=(const PThreadRobustLockGuard&) = delete;
   // Unlocks on the work thread, then destroys the mutex if setDestroyOnRelease()
-  // was called. Never throws.
+  // was called. Never throws. A guard inherited by a forked child does
+  // nothing: the lock belongs to the parent.
   ~PThreadRobustLockGuard();
 
   // The mutex is destroyed after it is unlocked on release.

@@ -74,17 +74,24 @@ WorkQueue::~WorkQueue() {
 // This queue was made by the parent of a forked child; its thread exists
 // only in the parent. Joining would fail, and a joinable std::thread would
 // end the process when destroyed; the condition variable may still count the
-// parent thread's wait, so destroying it could block for ever; the mutex and
-// the job queue may have been caught half-way through a change. So the
-// members are not stopped or joined: the thread handle is moved into a heap
-// object that is intentionally leaked, and the other members are replaced by
-// fresh ones without destroying the old (their memory and the pending jobs
-// are leaked), so that the member destructors that run next see clean
-// objects.
+// parent thread's wait, so destroying it could block for ever. So nothing is
+// stopped or joined: the thread handle is parked, never destroyed, in static
+// storage, and the mutex and condition variable are replaced by fresh ones
+// without destroying the old, so that the member destructors that run next
+// see clean objects. The job queue is emptied when the mutex shows nobody was
+// changing it at the fork; otherwise it is replaced too and its old storage
+// is left behind.
 void WorkQueue::abandonInForkedChild() noexcept {
-  new std::thread(std::move(thread));
+  alignas(std::thread) static unsigned char parkedThread[sizeof(std::thread)];
+  ::new (static_cast<void*>(parkedThread)) std::thread(std::move(thread));
+  if (mutex.try_lock()) {
+    std::deque<std::function<void()>> pending;
+    pending.swap(jobs);
+    mutex.unlock();
+  } else {
+    ::new (static_cast<void*>(&jobs)) std::deque<std::function<void()>>;
+  }
   ::new (static_cast<void*>(&mutex)) std::mutex;
-  ::new (static_cast<void*>(&jobs)) std::deque<std::function<void()>>;
   ::new (static_cast<void*>(&condition)) std::condition_variable;
 }
 

@@ -1,9 +1,11 @@
 #include "directory/directory_entry.hpp"
 
+#include <unistd.h>
 #include <exception>
 #include <utility>
 
 #include "diagnostics/diagnostics.hpp"
+#include "diagnostics/test_hooks.hpp"
 #include "directory/named_string_array.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -15,13 +17,16 @@ NamedStringArray registryDirectory(const std::string& trustee) {
 
 }  // namespace
 
-DirectoryEntry::DirectoryEntry(const std::string& name, const std::string& trustee) : name(name), trustee(trustee) {
+DirectoryEntry::DirectoryEntry(const std::string& name, const std::string& trustee)
+    : name(name), trustee(trustee), ownerPid(getpid()) {
   registryDirectory(this->trustee).insert(this->name);
 }
 
 DirectoryEntry::~DirectoryEntry() {
+  if (getpid() != ownerPid) return;
   try {
     registryDirectory(trustee).erase(name);
+    ER_TEST_HOOK("directory.entry.erased");
   } catch (...) {
     std::terminate();
   }

@@ -3,6 +3,7 @@
 // one-string entries.
 #pragma once
 
+#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@ namespace agent::spf::endpointregistry {
 
 // The presence of one name in one trustee's directory: inserted on
 // construction, erased on destruction (a failure there ends the process).
+// A copy inherited by a forked child erases nothing: the name is the parent's.
 class DirectoryEntry {
  public:
   DirectoryEntry(const std::string& name, const std::string& trustee);
@@ -20,6 +22,7 @@ class DirectoryEntry {
  private:
   std::string name;
   std::string trustee;
+  pid_t ownerPid;
 };
 
 // Erases the one-string entry `name` from the trustee's directory.

@@ -10,6 +10,7 @@
 
 #include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
+#include "diagnostics/test_hooks.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -192,6 +193,7 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
     if (getpgid(static_cast<pid_t>(claimer)) == -1) initializerPid.exchange(0);
     return false;
   }
+  ER_TEST_HOOK("directory.initialize.claimed");
   PThreadRobustLockGuard::initializeMutex(&header.mutex);
   header.containerNumber[activeSlotOf(header)] = 1;
   std::uint8_t before = 0;
@@ -265,6 +267,7 @@ void NamedStringArray::insert(const Entry& entry) {
       position += element.size();
       row[position++] = 0;
     }
+    ER_TEST_HOOK("directory.row.written");
     // The count byte goes last: a writer that dies before it leaves the row free.
     std::atomic_ref<unsigned char>(row[0]).store(static_cast<unsigned char>(entry.size()), std::memory_order_release);
     return;
@@ -384,6 +387,7 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
     std::memcpy(rowAt(fresh, next, target++), row, maxLength);
   }
 
+  ER_TEST_HOOK("directory.reorganize.created");
   // The flip: from here on readers see the new container.
   std::atomic_ref<std::uint8_t>(header.activeSlot)
       .store(static_cast<std::uint8_t>(inactive), std::memory_order_release);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "diagnostics/diagnostics.hpp"
+#include "diagnostics/test_hooks.hpp"
 #include "directory/segment_names.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -35,15 +36,21 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, 
       name(recordName(data, groupTagArgument, 0, trustee)),
       sharedMemory(createSharedMemory(data)),
       livenessLock(getLivenessLock()),
-      directoryEntry(name, trustee) {}
+      directoryEntry(name, trustee) {
+  ER_TEST_HOOK("record.published");
+}
 
 Endpoint::Impl::~Impl() {
   // From here on readers classify the record by the publisher's existence
   // and no longer read its data; the members then go in reverse order: the
   // name leaves the directory, the mutex is unlocked and destroyed, the
   // segment is released.
+  if (inheritedByFork()) return;
   if (sharedMemory.isAttached()) livenessFlagOf(sharedMemory).exchange(0);
+  ER_TEST_HOOK("record.withdrawing");
 }
+
+bool Endpoint::Impl::inheritedByFork() const { return recordPid(name) != static_cast<unsigned long>(getpid()); }
 
 std::string Endpoint::Impl::getGroupTag() const { return groupTag; }
 
@@ -67,6 +74,7 @@ SharedMemory Endpoint::Impl::createSharedMemory(const DataPair& data) {
   std::memcpy(out, data.first.data(), firstBytes);
   std::memcpy(out + firstBytes, data.second.data(), std::min<std::size_t>(data.second.size(), dataLength - firstBytes));
   headerOf(segment).firstLength = data.first.size();
+  ER_TEST_HOOK("record.created");
   return segment;
 }
 
@@ -80,6 +88,7 @@ PThreadRobustLockGuard Endpoint::Impl::getLivenessLock() {
   PThreadRobustLockGuard guard(mutex);
   guard.setDestroyOnRelease();
   livenessFlagOf(sharedMemory).exchange(1);
+  ER_TEST_HOOK("record.locked");
   return guard;
 }
 
@@ -98,7 +107,15 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
   }
   const int state = PThreadRobustLockGuard::getMutexState(&headerOf(segment).livenessMutex);
   if (state == 0 || state == EOWNERDEAD) return Stale;
-  if (state == EBUSY || state == EDEADLK) return Live;
+  if (state == EDEADLK) return Live;
+  if (state == EBUSY) {
+    // Held, unless by a thread of the publisher that has ended: a thread that
+    // dies holding more robust mutexes than the kernel repairs leaves the
+    // rest locked for ever.
+    return PThreadRobustLockGuard::isHeldByLiveThreadOf(&headerOf(segment).livenessMutex, static_cast<pid_t>(pid))
+               ? Live
+               : Stale;
+  }
   logMessage(mainLogger(), Error, "Endpoint::getState Mutex in undesired state. ", "(Mutex state ", state, ")");
   throw std::runtime_error(
       "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");

@@ -14,9 +14,9 @@
 //   56 + l  1 byte    reserved
 #pragma once
 
+#include <pthread.h>
 #include <cstddef>
 #include <cstdint>
-#include <pthread.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +84,8 @@ class Endpoint::Impl {
  private:
   SharedMemory createSharedMemory(const DataPair& data);
   PThreadRobustLockGuard getLivenessLock();
+  // True in a forked child that inherited this record from its publisher.
+  bool inheritedByFork() const;
 
   std::string trustee;
   std::string groupTag;

@@ -249,6 +249,7 @@ SharedMemory SharedMemory::attach(OpenMode mode, const std::string& name, std::s
     handle.address_ = opened.address;
     handle.size_ = size;
     handle.creator_ = opened.created;
+    handle.creatorPid_ = opened.created ? getpid() : 0;
     handle.device_ = opened.device;
     handle.inode_ = opened.inode;
   } catch (...) {
@@ -263,6 +264,7 @@ SharedMemory::SharedMemory(SharedMemory&& other) noexcept
       size_(std::exchange(other.size_, 0)),
       creator_(std::exchange(other.creator_, false)),
       keepName_(std::exchange(other.keepName_, false)),
+      creatorPid_(std::exchange(other.creatorPid_, 0)),
       device_(std::exchange(other.device_, 0)),
       inode_(std::exchange(other.inode_, 0)),
       name_(std::move(other.name_)),
@@ -280,6 +282,7 @@ SharedMemory& SharedMemory::operator=(SharedMemory&& other) noexcept {
   size_ = std::exchange(other.size_, 0);
   creator_ = std::exchange(other.creator_, false);
   keepName_ = std::exchange(other.keepName_, false);
+  creatorPid_ = std::exchange(other.creatorPid_, 0);
   device_ = std::exchange(other.device_, 0);
   inode_ = std::exchange(other.inode_, 0);
   name_.swap(other.name_);
@@ -310,12 +313,13 @@ void SharedMemory::release() noexcept {
         // No memory for the text; the line is dropped.
       }
     }
-    if (creator_ && !keepName_) removeName("release");
+    if (creator_ && !keepName_ && creatorPid_ == getpid()) removeName("release");
   }
   address_ = nullptr;
   size_ = 0;
   creator_ = false;
   keepName_ = false;
+  creatorPid_ = 0;
   device_ = 0;
   inode_ = 0;
   name_.clear();

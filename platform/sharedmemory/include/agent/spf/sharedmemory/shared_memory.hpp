@@ -17,8 +17,9 @@
 //
 // A handle is move-only. Releasing it (destructor, move-assign over) unmaps
 // the segment and, if this handle created it and neither makePersistent()
-// nor markForDeletion() was called, removes its name. No file descriptor is
-// kept open while a segment is mapped.
+// nor markForDeletion() was called, removes its name. A copy inherited by a
+// forked child never removes the name on release: the segment belongs to the
+// parent. No file descriptor is kept open while a segment is mapped.
 //
 // Thread safety: distinct handles may be used from any threads; one handle
 // must not be used from two threads at once.
@@ -88,6 +89,7 @@ class SharedMemory {
   std::size_t size_ = 0;
   bool creator_ = false;
   bool keepName_ = false;  // persistent, or the name was already removed
+  pid_t creatorPid_ = 0;   // process that created the segment, if this handle did
   dev_t device_ = 0;
   ino_t inode_ = 0;
   std::string name_;
