@@ -46,6 +46,8 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
+#include "directory/container_rows.hpp"
+
 namespace agent::spf::endpointregistry {
 
 struct NamedStringArrayBase {
@@ -72,7 +74,7 @@ class NamedStringArray {
   using Entry = std::vector<std::string>;
 
   static constexpr std::size_t baseSize = sizeof(NamedStringArrayBase);
-  static constexpr std::size_t containerHeaderSize = 8;
+  static constexpr std::size_t containerHeaderSize = ContainerRows::headerBytes;
   static constexpr std::size_t maxElements = 127;
 
   // `version` is not used: the base name always carries version 0.
