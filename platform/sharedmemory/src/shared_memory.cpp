@@ -137,10 +137,60 @@ Outcome findSegment(const Scope& scope, int folder, const std::string& name, std
   return mapSegment(fd.get(), size, opened);
 }
 
-// Creates the segment exclusively. It is made with mode 0, so that nobody
-// but root opens it before its owner, group and mode are set; it is sized
-// last, so a reader that sees the full size sees a finished segment.
+// Gives a new segment file its owner, group, mode and size, and maps it.
+Outcome setUpSegment(const Scope& scope, int fd, std::size_t size, Opened& opened) {
+  const uid_t owner = scope.groupScope ? static_cast<uid_t>(-1) : scope.owner;
+  const gid_t group = scope.groupScope ? scope.group : static_cast<gid_t>(-1);
+  if (fchown(fd, owner, group) != 0) return detail::systemFailure("fchown", errno);
+  if (fchmod(fd, scope.segmentMode) != 0) return detail::systemFailure("fchmod", errno);
+  if (ftruncate(fd, static_cast<off_t>(size)) != 0) return detail::systemFailure("ftruncate", errno);
+  return mapSegment(fd, size, opened);
+}
+
+// Gives the unnamed file `fd` the name `name`; fails with EEXIST when the
+// name is taken. Linking through /proc needs no privilege; AT_EMPTY_PATH is
+// the way without /proc.
+int linkUnnamed(int fd, int folder, const std::string& name) {
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  if (linkat(AT_FDCWD, path.c_str(), folder, name.c_str(), AT_SYMLINK_FOLLOW) == 0) return 0;
+  if (errno != ENOENT) return errno;
+  return linkat(fd, "", folder, name.c_str(), AT_EMPTY_PATH) == 0 ? 0 : errno;
+}
+
+// Creates the segment exclusively and atomically: the file is made without
+// a name (O_TMPFILE), set up completely, and only then linked under its
+// name. A creator that dies on the way leaves nothing behind, and a segment
+// is never seen before it is complete.
+Outcome createUnnamedThenLink(const Scope& scope, int tmpFd, int folder, const std::string& name, std::size_t size,
+                              Opened& opened) {
+  UniqueFd fd(tmpFd);
+  struct stat st {};
+  if (fstat(fd.get(), &st) != 0) return detail::systemFailure("fstat", errno);
+  Outcome setUp = setUpSegment(scope, fd.get(), size, opened);
+  if (!setUp.ok()) return setUp;
+  const int error = linkUnnamed(fd.get(), folder, name);
+  if (error != 0) {
+    munmap(opened.address, size);
+    opened.address = nullptr;
+    if (error == EEXIST) return {Problem::Exists, "exists already"};
+    return detail::systemFailure("linkat", error);
+  }
+  opened.device = st.st_dev;
+  opened.inode = st.st_ino;
+  opened.created = true;
+  return {};
+}
+
+// Creates the segment exclusively (see createUnnamedThenLink). Where the file
+// system cannot make unnamed files, the segment is made under its name with
+// mode 0, so that nobody but root opens it before its owner, group and mode
+// are set, and sized last, so a reader that sees the full size sees a
+// finished segment.
 Outcome createSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
+  const int tmpFd = openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode_t{0});
+  if (tmpFd >= 0) return createUnnamedThenLink(scope, tmpFd, folder, name, size, opened);
+  if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return detail::systemFailure("open", errno);
+
   UniqueFd fd(openat(folder, name.c_str(), segmentOpenFlags | O_CREAT | O_EXCL, mode_t{0}));
   if (!fd.valid()) {
     const int error = errno;
@@ -152,17 +202,11 @@ Outcome createSegment(const Scope& scope, int folder, const std::string& name, s
     // Without the identity of the file its name cannot be removed safely.
     return detail::systemFailure("fstat", errno);
   }
-  auto undo = [&](Outcome failure) {
+  Outcome setUp = setUpSegment(scope, fd.get(), size, opened);
+  if (!setUp.ok()) {
     detail::removeIfSame(folder, name, st.st_dev, st.st_ino);
-    return failure;
-  };
-  const uid_t owner = scope.groupScope ? static_cast<uid_t>(-1) : scope.owner;
-  const gid_t group = scope.groupScope ? scope.group : static_cast<gid_t>(-1);
-  if (fchown(fd.get(), owner, group) != 0) return undo(detail::systemFailure("fchown", errno));
-  if (fchmod(fd.get(), scope.segmentMode) != 0) return undo(detail::systemFailure("fchmod", errno));
-  if (ftruncate(fd.get(), static_cast<off_t>(size)) != 0) return undo(detail::systemFailure("ftruncate", errno));
-  Outcome mapped = mapSegment(fd.get(), size, opened);
-  if (!mapped.ok()) return undo(mapped);
+    return setUp;
+  }
   opened.device = st.st_dev;
   opened.inode = st.st_ino;
   opened.created = true;

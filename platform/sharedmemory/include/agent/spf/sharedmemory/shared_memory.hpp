@@ -13,7 +13,9 @@
 // the size asked for, refused, unknown trustee, bad name) they return an
 // unattached handle and log one line on the channel
 // "agent::spf::sharedmemory" (256: missing or refused, 512: system error).
-// A new segment is zero-filled.
+// A new segment is zero-filled. It appears under its name only once it is
+// complete (owner, group, mode and size set), so a creator that dies while
+// creating it leaves nothing behind.
 //
 // A handle is move-only. Releasing it (destructor, move-assign over) unmaps
 // the segment and, if this handle created it and neither makePersistent()
@@ -28,6 +30,7 @@
 #include <sys/types.h>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace agent::spf::sharedmemory {
 
@@ -99,5 +102,12 @@ class SharedMemory {
 
 // The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
 std::string getCurrentUserName();
+
+// The names of the trustee's segments that begin with `prefix`, in no
+// particular order: every regular file of the trustee's scope folder, whether
+// or not find() would accept it. Empty when the scope folder is missing (not
+// logged) or cannot be read (logged like find()). Never throws. Costs one
+// pass over the scope folder.
+std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix);
 
 }  // namespace agent::spf::sharedmemory

@@ -1,0 +1,80 @@
+// Listing the segment names of one trustee's scope folder.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+
+#include "agent/spf/sharedmemory/shared_memory.hpp"
+#include "diagnostic.hpp"
+#include "scope.hpp"
+
+namespace agent::spf::sharedmemory {
+
+using detail::Outcome;
+using detail::Problem;
+using detail::Scope;
+using detail::UniqueFd;
+
+namespace {
+
+void logListingFailure(const std::string& where, const Outcome& outcome) {
+  detail::logMessage(outcome.logLevel(), "listSegmentNames: ", where, ": ", outcome.reason);
+}
+
+// Reads the names from the open scope folder. Names are taken as the folder
+// gives them; a file that is not regular (when the folder says so) is left
+// out.
+Outcome readNames(int folder, const std::string& prefix, std::vector<std::string>& names) {
+  // The scope folder is held as an O_PATH descriptor; reading it needs a
+  // descriptor of its own.
+  const int readable = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (readable < 0) return detail::systemFailure("open", errno);
+  DIR* stream = fdopendir(readable);  // owns the descriptor from here on
+  if (stream == nullptr) {
+    const int error = errno;
+    close(readable);
+    return detail::systemFailure("fdopendir", error);
+  }
+  Outcome outcome;
+  for (;;) {
+    errno = 0;
+    const dirent* entry = readdir(stream);
+    if (entry == nullptr) {
+      if (errno != 0) outcome = detail::systemFailure("readdir", errno);
+      break;
+    }
+    if (entry->d_type != DT_REG && entry->d_type != DT_UNKNOWN) continue;
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) == 0) names.push_back(name);
+  }
+  closedir(stream);
+  return outcome;
+}
+
+}  // namespace
+
+std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix) {
+  std::vector<std::string> names;
+  try {
+    Scope scope;
+    Outcome outcome = detail::resolveScope(trustee, scope);
+    if (!outcome.ok()) {
+      logListingFailure("trustee \"" + trustee + "\"", outcome);
+      return names;
+    }
+    UniqueFd folder;
+    outcome = detail::openScopeFolder(scope, false, folder);
+    if (outcome.problem == Problem::ScopeMissing) return names;
+    if (outcome.ok()) outcome = readNames(folder.get(), prefix, names);
+    if (!outcome.ok()) {
+      logListingFailure(scope.path, outcome);
+      names.clear();
+    }
+  } catch (...) {
+    // Only memory for names and texts can run out here.
+    names.clear();
+  }
+  return names;
+}
+
+}  // namespace agent::spf::sharedmemory
