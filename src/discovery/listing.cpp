@@ -1,8 +1,14 @@
 // Listing and filtering of the live endpoints. A listing is also the
 // registry's garbage collector: reading a record whose publisher died clears
-// it away.
+// it away, and so does the sweep below for records the directory never named.
 #include <endpointregistry/endpoint.hpp>
 
+#include <exception>
+#include <unordered_set>
+
+#include <agent/spf/sharedmemory/shared_memory.hpp>
+
+#include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
 #include "endpoint/endpoint_impl.hpp"
 
@@ -10,16 +16,46 @@ namespace agent::spf::endpointregistry {
 
 using DataPairs = std::vector<std::pair<std::string, std::string>>;
 
+namespace {
+
+// Clears away the trustee's record segments under the group tag's prefix
+// that the directory did not name when it was read (`listed`) and whose
+// publisher is gone. A publisher that dies after creating its record and
+// before its name is in the directory, or after its name has left the
+// directory, leaves such a segment, and no name leads any reader to it. The
+// segments of publications still under way read as transient or live and are
+// left alone. Housekeeping only: nothing found here enters the result, and a
+// segment that cannot be judged is skipped. Costs one pass over the scope
+// folder; normally no segment is left to open.
+void sweepUnlistedRecords(const std::string& groupTag, const std::string& trustee,
+                          const std::vector<std::string>& listed) {
+  const std::vector<std::string> segments = agent::spf::sharedmemory::listSegmentNames(trustee, groupPrefix(groupTag));
+  if (segments.empty()) return;
+  const std::unordered_set<std::string> named(listed.begin(), listed.end());
+  for (const std::string& name : segments) {
+    if (named.count(name) != 0) continue;
+    try {
+      (void)Endpoint::Impl::getDataPair(name, trustee);
+    } catch (const std::exception&) {
+      // Left for the next listing; this one's result does not depend on it.
+    }
+  }
+}
+
+}  // namespace
+
 DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
   if (trustees.empty()) return {};
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {
-    for (const std::string& name : Impl::filterNames(groupTag, trustee)) {
+    const std::vector<std::string> names = Impl::filterNames(groupTag, trustee);
+    for (const std::string& name : names) {
       auto pair = Impl::getDataPair(name, trustee);
       if (pair.first.empty() && pair.second.empty()) continue;
       pairs.insert(std::move(pair));
     }
+    sweepUnlistedRecords(groupTag, trustee, names);
   }
   DataPairs result;
   result.reserve(pairs.size());

@@ -123,15 +123,22 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
 
 Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
   if (recordFormat(name) != 0) return {};
-  SharedMemory segment = findSharedMemory(name, trustee);
-  if (!segment.isAttached()) return {};
   const unsigned long pid = recordPid(name);
+  SharedMemory segment = findSharedMemory(name, trustee);
+  if (!segment.isAttached()) {
+    // A reader that reclaimed the record and died before erasing its name
+    // left the name without a segment; once the publisher is gone as well,
+    // nothing else would ever erase it.
+    if (getpgid(static_cast<pid_t>(pid)) == -1) eraseDirectoryName(name, trustee);
+    return {};
+  }
 
   switch (getState(segment, pid)) {
     case Stale:
       // Only the reader whose exchange saw the flag set destroys the mutex.
       if (livenessFlagOf(segment).exchange(0) != 0) pthread_mutex_destroy(&headerOf(segment).livenessMutex);
       segment.markForDeletion();
+      ER_TEST_HOOK("record.reclaiming");
       eraseDirectoryName(name, trustee);
       return {};
     case Live: {
