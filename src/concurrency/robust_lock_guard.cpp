@@ -2,15 +2,58 @@
 
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "diagnostics/diagnostics.hpp"
 
 namespace agent::spf::endpointregistry {
+namespace {
+
+// The kind words that pthread_mutex_init gives a mutex of the plain
+// protocol: default attributes or any type, robust or not, shared or not.
+// Other kinds (priority inheritance, priority protection, forced lock
+// elision, destroyed, or garbage) are never handed to pthread functions: on
+// some of them glibc aborts in an assertion or executes an instruction the
+// processor lacks.
+std::vector<int> plainMutexKinds() {
+  constexpr int defaultType = -1;  // no type set
+  std::vector<int> kinds;
+  const int types[] = {defaultType, PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_RECURSIVE, PTHREAD_MUTEX_ERRORCHECK,
+                       PTHREAD_MUTEX_ADAPTIVE_NP};
+  for (int type : types) {
+    for (int robust : {int{PTHREAD_MUTEX_STALLED}, int{PTHREAD_MUTEX_ROBUST}}) {
+      for (int shared : {int{PTHREAD_PROCESS_PRIVATE}, int{PTHREAD_PROCESS_SHARED}}) {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        if (type != defaultType) pthread_mutexattr_settype(&attributes, type);
+        pthread_mutexattr_setrobust(&attributes, robust);
+        pthread_mutexattr_setpshared(&attributes, shared);
+        pthread_mutex_t scratch;
+        pthread_mutex_init(&scratch, &attributes);
+        kinds.push_back(scratch.__data.__kind);
+        pthread_mutex_destroy(&scratch);
+        pthread_mutexattr_destroy(&attributes);
+      }
+    }
+  }
+  return kinds;
+}
+
+// True when the mutex is of a plain kind, whatever its other bytes hold. The
+// mutex lives in shared memory that other processes write.
+bool hasPlainKind(const pthread_mutex_t* mutex) {
+  static const std::vector<int> kinds = plainMutexKinds();
+  const int kind = std::atomic_ref<int>(const_cast<int&>(mutex->__data.__kind)).load(std::memory_order_relaxed);
+  return std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
+}
+
+}  // namespace
 
 // The state of one held lock. The lock is taken on the work thread when the
 // Impl is made and released there when it is destroyed; `workThread` keeps
@@ -53,6 +96,9 @@ void PThreadRobustLockGuard::initializeMutex(pthread_mutex_t* mutex) {
 }
 
 int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
+  // Not a mutex this library could have made: refused as glibc refuses a
+  // kind it does not know.
+  if (!hasPlainKind(mutex)) return EINVAL;
   const int result = pthread_mutex_trylock(mutex);
   if (result != 0 && result != EOWNERDEAD) return result;
   if (result == EOWNERDEAD) pthread_mutex_consistent(mutex);
@@ -85,6 +131,7 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   // A mutex left behind by a dead owner is repaired and kept; its previous
   // owner's death is not reported further.
   auto lockJob = [this] {
+    if (!hasPlainKind(mutexPtr)) return EINVAL;
     const int result = pthread_mutex_lock(mutexPtr);
     if (result == EOWNERDEAD) return pthread_mutex_consistent(mutexPtr);
     return result;

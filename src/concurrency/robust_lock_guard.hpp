@@ -26,7 +26,9 @@ class PThreadRobustLockGuard {
   // Probes a mutex on the calling thread without keeping it: 0 (free),
   // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of
   // pthread_mutex_trylock (EBUSY: held by another thread; EDEADLK: held by the
-  // calling thread). Never logs.
+  // calling thread). Never logs. A mutex of another kind than
+  // pthread_mutex_init makes for the plain protocol (garbage, destroyed,
+  // priority inheritance or protection) is not touched: EINVAL.
   static int getMutexState(pthread_mutex_t* mutex);
 
   // For a mutex that probes as held (EBUSY): true unless the thread that
@@ -36,7 +38,8 @@ class PThreadRobustLockGuard {
   static bool isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process);
 
   // Returns with the mutex locked by the work thread; repairs an owner-dead
-  // mutex silently. Throws std::runtime_error on a null mutex or a lock error.
+  // mutex silently. Throws std::runtime_error on a null mutex or a lock error
+  // (error 22, EINVAL, for a mutex of a kind getMutexState() does not touch).
   explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr);
   PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept;
   // Takes the other's lock, then releases the one held before.

@@ -99,12 +99,18 @@ SharedMemory Endpoint::Impl::findSharedMemory(const std::string& name, const std
   return SharedMemory::find(name, recordSegmentSize(dataLength), trustee, defaultSpecification);
 }
 
+namespace {
+
+// A record whose flag is clear: mid-publication or mid-teardown while its
+// publisher exists, stale once it is gone.
+RecordState stateOfUnflagged(unsigned long pid) { return getpgid(static_cast<pid_t>(pid)) != -1 ? Transient : Stale; }
+
+}  // namespace
+
 RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
   if (!segment.isAttached()) return Transient;
-  if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) {
-    // Mid-publication or mid-teardown while the publisher exists; stale once it is gone.
-    return getpgid(static_cast<pid_t>(pid)) != -1 ? Transient : Stale;
-  }
+  if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) return stateOfUnflagged(pid);
+  ER_TEST_HOOK("record.probing");
   const int state = PThreadRobustLockGuard::getMutexState(&headerOf(segment).livenessMutex);
   if (state == 0 || state == EOWNERDEAD) return Stale;
   if (state == EDEADLK) return Live;
@@ -116,6 +122,10 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
                ? Live
                : Stale;
   }
+  // The publisher's teardown, or another reader's reclaim, clears the flag
+  // before it destroys the mutex: a mutex destroyed after the flag was read
+  // is no damage, and the record is classified as unflagged instead.
+  if (livenessFlagOf(segment).load() == 0) return stateOfUnflagged(pid);
   logMessage(mainLogger(), Error, "Endpoint::getState Mutex in undesired state. ", "(Mutex state ", state, ")");
   throw std::runtime_error(
       "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");
