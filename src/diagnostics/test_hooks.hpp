@@ -8,6 +8,7 @@
 //   "record.locked"             liveness lock taken, name not yet in the directory
 //   "record.published"          record complete: name in the directory
 //   "record.withdrawing"        liveness flag cleared, name still in the directory
+//   "record.probing"            a reader saw the liveness flag set, mutex not yet probed
 //   "record.reclaiming"         a reader removed a stale record's segment, name still in the directory
 //   "directory.entry.erased"    name erased, liveness lock still held
 //   "directory.initialize.claimed"   base claimed, not yet initialised
