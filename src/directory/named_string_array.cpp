@@ -17,16 +17,6 @@ namespace {
 
 using SharedMemory = NamedStringArray::SharedMemory;
 
-// Limits on what a descriptor may describe. The bytes of the base are written
-// by other processes and are not trusted: a descriptor beyond these limits
-// (or one whose rows have no room for their count byte) is absurd. Readers
-// treat a directory with an absurd active descriptor as empty; writers
-// rebuild it as empty. The limits keep every mapping and every listing
-// bounded: a listing holds at most one std::string per container byte, so
-// 32 MiB of container cannot make it allocate more than about 1 GiB.
-constexpr std::size_t maxContainerBytes = std::size_t{32} << 20;
-constexpr unsigned long maxRowCount = 1ul << 20;
-
 // An initialisation claim held this long by a process that still exists is
 // taken to be stale (a reused pid, or garbage in the base).
 constexpr auto staleClaimTimeout = std::chrono::seconds(3);
@@ -40,16 +30,10 @@ bool isInitialized(NamedStringArrayBase& header) {
   return std::atomic_ref<std::uint8_t>(header.initialized).load() == 1;
 }
 
-// rowCount x rowWidth + 9, or nothing when that overflows or breaks the limits.
-std::optional<std::size_t> checkedContainerSize(unsigned long rowWidth, unsigned long rowCount) {
-  if (rowCount > maxRowCount) return std::nullopt;
-  if (rowCount == 0) return NamedStringArray::containerHeaderSize + 1;
-  if (rowWidth == 0) return std::nullopt;  // rows without room for a count byte
-  if (rowWidth > (maxContainerBytes - NamedStringArray::containerHeaderSize - 1) / rowCount) return std::nullopt;
-  return rowWidth * rowCount + NamedStringArray::containerHeaderSize + 1;
-}
-
-// The container one descriptor slot describes.
+// The container one descriptor slot describes. The bytes of the base are
+// written by other processes and are not trusted: a descriptor whose size is
+// absurd (checkedContainerSize) makes readers treat the directory as empty
+// and writers rebuild it as empty.
 struct ContainerShape {
   unsigned long number = 0;
   unsigned long rowCount = 0;
@@ -68,82 +52,10 @@ bool covers(const SharedMemory& container, const ContainerShape& shape) {
   return shape.size && container.isAttached() && container.getSize() >= *shape.size;
 }
 
-unsigned char* rowAt(SharedMemory& container, const ContainerShape& shape, unsigned long index) {
-  return static_cast<unsigned char*>(container.getPointer()) + NamedStringArray::containerHeaderSize +
-         index * shape.rowWidth;
-}
-
-// The element count of a row: 0 for a free row; a negative count byte reads as 1.
-unsigned elementCount(const unsigned char* row) {
-  const auto count = static_cast<signed char>(row[0]);
-  return count < 0 ? 1u : static_cast<unsigned>(count);
-}
-
-// End of the string that starts at `start`: its zero byte, or the row's end
-// when the row holds none. Never looks past the row.
-std::size_t stringEnd(const unsigned char* row, std::size_t width, std::size_t start) {
-  const void* zero = std::memchr(row + start, 0, width - start);
-  return zero == nullptr ? width : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - row);
-}
-
-// Up to `count` strings of a row, read from byte 1; stops early when the next
-// string would start beyond the row's last byte.
-NamedStringArray::Entry readStrings(const unsigned char* row, std::size_t width, unsigned count) {
-  NamedStringArray::Entry strings;
-  std::size_t start = 1;
-  for (unsigned k = 0; k < count && start < width; ++k) {
-    const std::size_t end = stringEnd(row, width, start);
-    strings.emplace_back(reinterpret_cast<const char*>(row + start), end - start);
-    start = end + 1;
-  }
-  return strings;
-}
-
-// True when the row's first string begins with `prefix`.
-bool firstStringStartsWith(const unsigned char* row, std::size_t width, const std::string& prefix) {
-  if (width < 2) return false;  // no byte for a first string
-  const std::size_t length = stringEnd(row, width, 1) - 1;
-  return length >= prefix.size() && std::memcmp(row + 1, prefix.data(), prefix.size()) == 0;
-}
-
-// True when the row holds exactly the strings of `entry` (a free row matches
-// the empty entry).
-bool rowMatches(const unsigned char* row, std::size_t width, const NamedStringArray::Entry& entry) {
-  if (elementCount(row) != entry.size()) return false;
-  std::size_t start = 1;
-  for (const std::string& element : entry) {
-    if (start >= width) return false;
-    const std::size_t end = stringEnd(row, width, start);
-    if (end - start != element.size() || std::memcmp(row + start, element.data(), element.size()) != 0) return false;
-    start = end + 1;
-  }
-  return true;
-}
-
-// Bytes of a used row that a copy must keep: up to and including the zero
-// byte of its last string, found without looking at the row's last byte; the
-// whole width when the zeros run out or the count byte is negative.
-std::size_t usedLength(const unsigned char* row, std::size_t width) {
-  const auto count = static_cast<signed char>(row[0]);
-  if (count < 0 || width < 2) return width;
-  const std::size_t limit = width - 1;
-  std::size_t position = 1;
-  for (int k = 0; k < count; ++k) {
-    const void* zero = position < limit ? std::memchr(row + position, 0, limit - position) : nullptr;
-    if (zero == nullptr) return width;
-    position = static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - row) + 1;
-  }
-  return position;
-}
-
-// `value` rounded up to a multiple of `increment` (an increment of 0 counts
-// as 1); nothing on overflow.
-std::optional<unsigned long> roundUp(unsigned long value, unsigned long increment) {
-  if (increment == 0) increment = 1;
-  const unsigned long remainder = value % increment;
-  if (remainder == 0) return value;
-  if (value > ~0ul - (increment - remainder)) return std::nullopt;
-  return value + (increment - remainder);
+// The rows of a container that covers() its shape.
+ContainerRows rowsOf(SharedMemory& container, const ContainerShape& shape) {
+  return ContainerRows(static_cast<unsigned char*>(container.getPointer()) + NamedStringArray::containerHeaderSize,
+                       shape.rowCount, shape.rowWidth);
 }
 
 std::string containerName(const std::string& baseName, unsigned long number) {
@@ -176,7 +88,7 @@ std::string NamedStringArray::makeBaseName(const std::string& name, unsigned lon
 std::string NamedStringArray::makeContainerName(unsigned long number) const { return containerName(baseName, number); }
 
 unsigned long NamedStringArray::containerSize(unsigned long rowWidth, unsigned long rowCount) {
-  return rowWidth * rowCount + containerHeaderSize + 1;
+  return rowWidth * rowCount + ContainerRows::headerBytes + ContainerRows::trailerBytes;
 }
 
 void NamedStringArray::insert(const std::string& element) { insert(Entry{element}); }
@@ -257,21 +169,13 @@ void NamedStringArray::insert(const Entry& entry) {
   reorganize(base, container, requiredWidth);
 
   const ContainerShape shape = shapeOf(header, activeSlotOf(header));
-  if (!covers(container, shape) || shape.rowWidth < requiredWidth) return;
-  for (unsigned long i = 0; i < shape.rowCount; ++i) {
-    unsigned char* row = rowAt(container, shape, i);
-    if (row[0] != 0) continue;
-    std::size_t position = 1;
-    for (const std::string& element : entry) {
-      std::memcpy(row + position, element.data(), element.size());
-      position += element.size();
-      row[position++] = 0;
-    }
-    ER_TEST_HOOK("directory.row.written");
-    // The count byte goes last: a writer that dies before it leaves the row free.
-    std::atomic_ref<unsigned char>(row[0]).store(static_cast<unsigned char>(entry.size()), std::memory_order_release);
-    return;
-  }
+  if (!covers(container, shape)) return;
+  ContainerRows rows = rowsOf(container, shape);
+  const std::optional<unsigned long> freeRow = rows.firstFreeRow();
+  if (!freeRow || !rows.writeStrings(*freeRow, entry)) return;
+  ER_TEST_HOOK("directory.row.written");
+  // The count byte goes last: a writer that dies before it leaves the row free.
+  rows.setCount(*freeRow, static_cast<unsigned char>(entry.size()));
 }
 
 void NamedStringArray::erase(const Entry& entry) {
@@ -293,10 +197,9 @@ void NamedStringArray::erase(const Entry& entry) {
                "NamedStringArray::erase(): ", "Container shared memory could not be found.");
     return;
   }
-  for (unsigned long i = 0; i < shape.rowCount; ++i) {
-    unsigned char* row = rowAt(container, shape, i);
-    if (!rowMatches(row, shape.rowWidth, entry)) continue;
-    std::atomic_ref<unsigned char>(row[0]).store(0, std::memory_order_release);
+  ContainerRows rows = rowsOf(container, shape);
+  if (const std::optional<unsigned long> row = rows.find(entry)) {
+    rows.setCount(*row, 0);
     reorganize(base, container, 0);
     return;
   }
@@ -321,13 +224,7 @@ std::vector<NamedStringArray::Entry> NamedStringArray::listEntries(const std::st
   SharedMemory container =
       SharedMemory::find(makeContainerName(shape.number), *shape.size, trustee, implementationSpecifications);
   if (!covers(container, shape)) return entries;
-  for (unsigned long i = 0; i < shape.rowCount; ++i) {
-    const unsigned char* row = rowAt(container, shape, i);
-    const unsigned count = elementCount(row);
-    if (count == 0 || !firstStringStartsWith(row, shape.rowWidth, prefix)) continue;
-    entries.push_back(readStrings(row, shape.rowWidth, count));
-  }
-  return entries;
+  return rowsOf(container, shape).list(prefix);
 }
 
 void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, unsigned long requiredWidth) {
@@ -340,16 +237,9 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
   // descriptor, missing or short segment) is treated as empty and replaced.
   const bool usable = covers(container, old);
 
-  unsigned long used = 0;
-  std::size_t maxLength = 0;
-  if (usable) {
-    for (unsigned long i = 0; i < old.rowCount; ++i) {
-      const unsigned char* row = rowAt(container, old, i);
-      if (row[0] == 0) continue;
-      ++used;
-      maxLength = std::max(maxLength, usedLength(row, old.rowWidth));
-    }
-  }
+  const ContainerRows::Usage usage = usable ? rowsOf(container, old).usage() : ContainerRows::Usage{};
+  const unsigned long used = usage.usedRows;
+  const std::size_t maxLength = usage.maxLength;
   const std::optional<unsigned long> newCount = roundUp(used + (requiredWidth != 0 ? 1 : 0), rowIncrement);
   const std::optional<unsigned long> newWidth =
       roundUp(std::max<unsigned long>(requiredWidth, maxLength), widthIncrement);
@@ -385,12 +275,9 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
     std::memset(fresh.getPointer(), 0, *newSize);
   }
 
-  const ContainerShape next{newNumber, *newCount, *newWidth, newSize};
-  unsigned long target = 0;
-  for (unsigned long i = 0; usable && maxLength != 0 && i < old.rowCount; ++i) {
-    const unsigned char* row = rowAt(container, old, i);
-    if (row[0] == 0) continue;
-    std::memcpy(rowAt(fresh, next, target++), row, maxLength);
+  if (usable) {
+    ContainerRows freshRows = rowsOf(fresh, ContainerShape{newNumber, *newCount, *newWidth, newSize});
+    rowsOf(container, old).copyUsedRowsTo(freshRows, maxLength);
   }
 
   ER_TEST_HOOK("directory.reorganize.created");
