@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <climits>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "directory_test_support.hpp"
+#include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 
 namespace er::test {
@@ -227,6 +229,50 @@ TEST(NamedStringArrayCorruptTest, BaseShorterThanItsLayoutIsRefused) {
             (std::vector<std::string>{"NamedStringArray::erase(): Base shared memory could not be found.",
                                       "NamedStringArray::insert(): Base shared memory could not be opened."}));
   EXPECT_EQ(dir.files(), std::set<std::string>{dir.name + "v0"});
+}
+
+// A base whose mutex is of a kind no directory is made with (priority
+// inheritance with an owner-died lock word, priority protection, forced lock
+// elision, destroyed) is never locked: glibc aborts or executes an
+// unsupported instruction on some of them. Every operation that needs the
+// lock fails with the lock guard's error, in a process that lives on.
+TEST(NamedStringArrayCorruptTest, BaseMutexOfAForeignKindIsNotLocked) {
+  for (int kind : {32, 64, 256, -1}) {
+    TestDirectory dir;
+    plantBase(dir.segment(""), activeSlotZero(4, 1, 4));
+    plantSegment(dir.segment("4"), containerBytes(4, {"\x01"
+                                                      "a"}));
+    {
+      SharedMemory base = SharedMemory::find(dir.segment(""), sizeof(NamedStringArrayBase), "", {});
+      ASSERT_TRUE(base.isAttached());
+      auto* header = static_cast<NamedStringArrayBase*>(base.getPointer());
+      header->mutex.__data.__kind = kind;
+      header->mutex.__data.__lock = 0x40000001;
+    }
+    const auto code = runInChild(
+        [&](ChildProcess&) {
+          const std::string failure =
+              "System error: Endpoint::PThreadRobustLockGuard::getLockedMutexThread: Failed to lock the mutex. (Error "
+              "22)";
+          NamedStringArray array(dir.name, 0, "");
+          const std::vector<std::function<void()>> operations{
+              [&] { array.listEntries(""); }, [&] { array.erase("a"); }, [&] { array.insert("b"); },
+              [&] { NamedStringArray::getDimensions(dir.name, 0, ""); }};
+          int failed = 0;
+          for (const auto& operation : operations) {
+            try {
+              operation();
+            } catch (const std::runtime_error& error) {
+              if (error.what() == failure) ++failed;
+            }
+          }
+          return failed == 4 ? 0 : 1;
+        },
+        std::chrono::seconds(30));
+    EXPECT_EQ(code, std::optional<int>(0)) << "kind " << kind;
+    EXPECT_EQ(readBytes(dir.containerFile(4)), containerBytes(4, {"\x01"
+                                                                  "a"}));
+  }
 }
 
 // A segment left under the next container number, too small for the next
