@@ -1,7 +1,9 @@
 #include "concurrency/work_queue.hpp"
 
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
+#include <chrono>
 #include <exception>
 #include <future>
 #include <new>
@@ -50,6 +52,122 @@ void registerForkHandler() {
   std::call_once(forkHandlerOnce, [] { pthread_atfork(nullptr, nullptr, &forgetQueueInForkedChild); });
 }
 
+// How long each side of a hand-off watches before it sleeps. The work
+// thread's spin covers the gaps between the hand-offs of one operation (the
+// caller's own system calls in between); the caller's covers a job run by a
+// thread that is awake. Both stay well below the cost of a sleep and wake-up.
+constexpr std::chrono::microseconds workerSpin{100};
+constexpr std::chrono::microseconds callerSpin{50};
+
+// Spinning only helps when the other side can run at the same time.
+bool spinningHelps() {
+  static const bool helps = [] {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    return sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) > 1;
+  }();
+  return helps;
+}
+
+inline void relaxCpu() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+// Watches `ready` for at most `limit`; true once it holds. Never blocks.
+// After the first few microseconds each round also yields the core, so that
+// a thread waiting for it (often the other side of the hand-off, woken onto
+// this core) is not kept off it by the spin.
+template <class Ready>
+bool spinUntil(const Ready& ready, std::chrono::microseconds limit) {
+  if (ready()) return true;
+  if (!spinningHelps()) return false;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (unsigned round = 0;; ++round) {
+    for (int i = 0; i < 32; ++i) {
+      if (ready()) return true;
+      relaxCpu();
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return ready();
+    if (round >= 4) sched_yield();
+  }
+}
+
+// The outcome of one job of executeAndSet, handed from the work thread to
+// the waiting caller: the job's value or exception, or the news that the
+// job was destroyed without running (as a broken promise would report).
+class Completion {
+ public:
+  // Work thread: publishes the outcome and wakes the caller if it sleeps.
+  void setValue(int result) noexcept {
+    value = result;
+    finish(Done);
+  }
+  void setException(std::exception_ptr thrown) noexcept {
+    error = std::move(thrown);
+    finish(Done);
+  }
+  void breakPromise() noexcept { finish(Broken); }
+
+  // Caller: waits (spinning briefly, then blocking) for the outcome; returns
+  // the value or rethrows the job's exception.
+  int get() {
+    spinUntil([this] { return state.load(std::memory_order_acquire) != Pending; }, callerSpin);
+    int seen = state.load(std::memory_order_acquire);
+    while (seen == Pending) {
+      state.wait(Pending, std::memory_order_acquire);
+      seen = state.load(std::memory_order_acquire);
+    }
+    if (seen == Broken) throw std::future_error(std::future_errc::broken_promise);
+    if (error) std::rethrow_exception(error);
+    return value;
+  }
+
+ private:
+  enum : int { Pending, Done, Broken };
+
+  // The store is sequentially consistent: notify_one() skips the wake-up
+  // when it sees no sleeper registered, and only a store ordered before
+  // that look makes sure a caller just going to sleep sees the outcome.
+  void finish(int outcome) noexcept {
+    state.store(outcome, std::memory_order_seq_cst);
+    state.notify_one();
+  }
+
+  std::atomic<int> state{Pending};
+  int value = 0;
+  std::exception_ptr error;
+};
+
+// The job's side of a Completion. The job holds it through a shared pointer,
+// so it goes with the job's last copy; if that happens before an outcome was
+// set (the queue stopped with the job unrun), the caller learns of it.
+class CompletionSender {
+ public:
+  explicit CompletionSender(std::shared_ptr<Completion> target) : completion(std::move(target)) {}
+  ~CompletionSender() {
+    if (!sent) completion->breakPromise();
+  }
+  CompletionSender(const CompletionSender&) = delete;
+  CompletionSender& operator=(const CompletionSender&) = delete;
+
+  void setValue(int result) noexcept {
+    sent = true;
+    completion->setValue(result);
+  }
+  void setException(std::exception_ptr thrown) noexcept {
+    sent = true;
+    completion->setException(std::move(thrown));
+  }
+
+ private:
+  std::shared_ptr<Completion> completion;
+  bool sent = false;
+};
+
 }  // namespace
 
 WorkQueue::WorkQueue() : creatorPid(getpid()) { thread = std::thread(&WorkQueue::run, this); }
@@ -62,6 +180,7 @@ WorkQueue::~WorkQueue() {
   {
     std::lock_guard<std::mutex> lock(mutex);
     stop = true;
+    stopSeen.store(true, std::memory_order_release);
   }
   condition.notify_all();
   if (thread.joinable()) {
@@ -99,12 +218,18 @@ void WorkQueue::push(std::function<void()> job) {
   {
     std::lock_guard<std::mutex> lock(mutex);
     jobs.push_back(std::move(job));
+    jobCount.store(jobs.size(), std::memory_order_release);
   }
+  // Costs no system call while the work thread is awake (spinning).
   condition.notify_one();
 }
 
 void WorkQueue::run() {
   for (;;) {
+    // A job pushed soon after the last one is taken without sleeping.
+    spinUntil(
+        [this] { return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire); },
+        workerSpin);
     std::function<void()> job;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -112,6 +237,7 @@ void WorkQueue::run() {
       if (stop) return;  // jobs still queued are destroyed with the queue, unrun
       job = std::move(jobs.front());
       jobs.pop_front();
+      jobCount.store(jobs.size(), std::memory_order_relaxed);
     }
     try {
       job();
@@ -145,26 +271,26 @@ WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
 }
 
 WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, int& result) {
-  auto promise = std::make_shared<std::promise<int>>();
-  std::future<int> future = promise->get_future();
+  auto completion = std::make_shared<Completion>();
+  auto sender = std::make_shared<CompletionSender>(completion);
 
-  // The job hands the function's value or exception to the waiting caller.
-  // It throws only if its promise were already satisfied, which cannot be
-  // for a promise made here.
-  WorkThreadGuard guard([promise, function = std::move(function)]() {
+  // The job hands the function's value or exception to the waiting caller;
+  // it does not throw itself.
+  WorkThreadGuard guard([sender, function = std::move(function)]() {
     int value = 0;
     try {
       if (!function) throw std::bad_function_call();
       value = function();
     } catch (...) {
-      promise->set_exception(std::current_exception());
+      sender->setException(std::current_exception());
       return;
     }
-    promise->set_value(value);
+    sender->setValue(value);
   });
+  sender.reset();
 
   try {
-    result = future.get();
+    result = completion->get();
   } catch (const std::exception& error) {
     logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to execute the provided function in the work thread. ",
                "Error: ", error.what());
