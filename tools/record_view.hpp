@@ -21,7 +21,8 @@ struct RecordView {
   // "Live", "Transient" or "Stale" as the library classifies the record;
   // "Missing" when its segment cannot be opened, "Other format" for a record
   // whose format field is not 0 (listings skip those), "Not a record" for a
-  // row that is not one record name, "Unknown" when the probe failed.
+  // row that does not read as one string beginning with "qzER", "Unknown"
+  // when the probe failed.
   std::string state;
   std::optional<unsigned long> ownerPid;                    // field p of the record name
   std::optional<std::pair<std::string, std::string>> data;  // the data pair of a live record

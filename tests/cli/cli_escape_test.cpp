@@ -6,16 +6,12 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "support/registry_cleanup.hpp"
-#include "support/shm_files.hpp"
 #include "text_escape.hpp"
-#include "tool_process.hpp"
+#include "tool_test.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
 
-using er::test::runTool;
-using er::test::ToolProcess;
 using nlohmann::json;
 
 TEST(TextEscapeTest, PrintableUtf8IsKept) {
@@ -53,23 +49,22 @@ TEST(TextEscapeTest, EmptyStringIsShownAsQuotes) {
   EXPECT_EQ(displayText("x"), "x");
 }
 
-class CliEscapeTest : public ::testing::Test {
+class CliEscapeTest : public er::test::ToolTest {
  protected:
-  std::string tag = er::test::uniqueName("cliEscape");
-  er::test::RegistryCleanup cleanup{tag};
+  std::string tag = newTag("cliEscape");
 };
 
 TEST_F(CliEscapeTest, ListNeverWritesRawControlOrInvalidBytes) {
   const std::string first = "evil\x1b]0;title\x07";
   const std::string second = "\xff\xfe";
-  ToolProcess publisher({"publish", first, second, "--group", tag});
-  EXPECT_EQ(publisher.readLine(), "live: evil\\x1b]0;title\\x07 \\xff\\xfe (group " + tag + ")");
+  auto publisher = start({"publish", first, second, "--group", tag});
+  EXPECT_EQ(publisher->readLine(), "live: evil\\x1b]0;title\\x07 \\xff\\xfe (group " + tag + ")");
 
-  const auto table = runTool({"list", "--group", tag});
+  const auto table = tool({"list", "--group", tag});
   EXPECT_EQ(table.exitCode, 0);
   EXPECT_EQ(table.out, "FIRST                 SECOND\nevil\\x1b]0;title\\x07  \\xff\\xfe\n");
 
-  const auto listed = runTool({"list", "--group", tag, "--json"});
+  const auto listed = tool({"list", "--group", tag, "--json"});
   ASSERT_EQ(listed.exitCode, 0);
   EXPECT_EQ(listed.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(json::parse(listed.out),
@@ -77,29 +72,29 @@ TEST_F(CliEscapeTest, ListNeverWritesRawControlOrInvalidBytes) {
 }
 
 TEST_F(CliEscapeTest, JsonKeepsValidUtf8ExactlyAndEscapesItsControlCharacters) {
-  ToolProcess publisher({"publish", "line\nbreak", "caf\xc3\xa9", "--group", tag});
-  EXPECT_EQ(publisher.readLine(), "live: line\\nbreak caf\xc3\xa9 (group " + tag + ")");
-  const auto listed = runTool({"list", "--group", tag, "--json"});
+  auto publisher = start({"publish", "line\nbreak", "caf\xc3\xa9", "--group", tag});
+  EXPECT_EQ(publisher->readLine(), "live: line\\nbreak caf\xc3\xa9 (group " + tag + ")");
+  const auto listed = tool({"list", "--group", tag, "--json"});
   ASSERT_EQ(listed.exitCode, 0);
   EXPECT_NE(listed.out.find(R"("line\nbreak")"), std::string::npos) << listed.out;
   const json parsed = json::parse(listed.out);
   ASSERT_EQ(parsed.size(), 1u);
   EXPECT_EQ(parsed[0], (json{{"first", "line\nbreak"}, {"second", "caf\xc3\xa9"}}));
-  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST        SECOND\nline\\nbreak  caf\xc3\xa9\n");
+  EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST        SECOND\nline\\nbreak  caf\xc3\xa9\n");
 }
 
 TEST_F(CliEscapeTest, WatchEscapesToo) {
-  ToolProcess watcher({"watch", "--group", tag, "--interval", "20"});
-  ToolProcess publisher({"publish",
-                         "\xe2\x80\xae"
-                         "abc",
-                         "\x01", "--group", tag});
-  ASSERT_TRUE(publisher.readLine());
-  EXPECT_EQ(watcher.readLine(), "+ \\u{202e}abc \\x01");
-  publisher.signal(SIGINT);
-  EXPECT_EQ(watcher.readLine(), "- \\u{202e}abc \\x01");
-  watcher.signal(SIGINT);
-  EXPECT_EQ(watcher.wait(), 0);
+  auto watcher = start({"watch", "--group", tag, "--interval", "20"});
+  auto publisher = start({"publish",
+                          "\xe2\x80\xae"
+                          "abc",
+                          "\x01", "--group", tag});
+  ASSERT_TRUE(publisher->readLine());
+  EXPECT_EQ(watcher->readLine(), "+ \\u{202e}abc \\x01");
+  publisher->signal(SIGINT);
+  EXPECT_EQ(watcher->readLine(), "- \\u{202e}abc \\x01");
+  watcher->signal(SIGINT);
+  EXPECT_EQ(watcher->wait(), 0);
 }
 
 }  // namespace

@@ -8,21 +8,19 @@
 #include <string>
 
 #include "directory/segment_names.hpp"
-#include "support/registry_cleanup.hpp"
 #include "support/shm_files.hpp"
-#include "tool_process.hpp"
+#include "tool_test.hpp"
 
 namespace er::test {
 namespace {
 
 using nlohmann::json;
 
-class CliPublishListTest : public ::testing::Test {
+class CliPublishListTest : public ToolTest {
  protected:
   // Starts `publish first second --group tag` and waits for its live line.
   std::unique_ptr<ToolProcess> publish(const std::string& first, const std::string& second, const std::string& group) {
-    auto publisher =
-        std::make_unique<ToolProcess>(std::vector<std::string>{"publish", first, second, "--group", group});
+    auto publisher = start({"publish", first, second, "--group", group});
     const std::optional<std::string> line = publisher->readLine();
     EXPECT_EQ(line, "live: " + first + " " + second + " (group " + group + ")") << publisher->errors();
     return publisher;
@@ -30,18 +28,16 @@ class CliPublishListTest : public ::testing::Test {
 
   // The record segments of `group` in the user's own scope.
   std::set<std::string> recordFiles(const std::string& group) {
-    return filesIn(userScope(), agent::spf::endpointregistry::groupPrefix(group));
+    return filesIn(scope(), agent::spf::endpointregistry::groupPrefix(group));
   }
 
-  std::string tag = uniqueName("cliPub");
-  std::string otherTag = uniqueName("cliPubOther");
-  RegistryCleanup cleanup{tag};
-  RegistryCleanup otherCleanup{otherTag};
+  std::string tag = newTag("cliPub");
+  std::string otherTag = newTag("cliPubOther");
 };
 
 TEST_F(CliPublishListTest, PublishedEndpointIsListedAsATable) {
   auto publisher = publish("10.0.0.1", "8080", tag);
-  const ToolRun run = runTool({"list", "--group", tag});
+  const ToolRun run = tool({"list", "--group", tag});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_EQ(run.out, "FIRST     SECOND\n10.0.0.1  8080\n");
   EXPECT_EQ(run.err, "");
@@ -50,7 +46,7 @@ TEST_F(CliPublishListTest, PublishedEndpointIsListedAsATable) {
 TEST_F(CliPublishListTest, JsonListIsSortedArrayOfPairs) {
   auto second = publish("b", "2", tag);
   auto first = publish("a", "1", tag);
-  const ToolRun run = runTool({"list", "--group", tag, "--json"});
+  const ToolRun run = tool({"list", "--group", tag, "--json"});
   ASSERT_EQ(run.exitCode, 0);
   const json parsed = json::parse(run.out);
   EXPECT_EQ(parsed, json::parse(R"([{"first": "a", "second": "1"}, {"first": "b", "second": "2"}])"));
@@ -59,22 +55,22 @@ TEST_F(CliPublishListTest, JsonListIsSortedArrayOfPairs) {
 TEST_F(CliPublishListTest, GroupOptionSelectsOneGroupTag) {
   auto one = publish("one", "1", tag);
   auto two = publish("two", "2", otherTag);
-  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\none    1\n");
-  EXPECT_EQ(runTool({"list", "--group", otherTag}).out, "FIRST  SECOND\ntwo    2\n");
-  const json all = json::parse(runTool({"list", "--json"}).out);
+  EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST  SECOND\none    1\n");
+  EXPECT_EQ(tool({"list", "--group", otherTag}).out, "FIRST  SECOND\ntwo    2\n");
+  const json all = json::parse(tool({"list", "--json"}).out);
   EXPECT_NE(std::find(all.begin(), all.end(), json{{"first", "one"}, {"second", "1"}}), all.end()) << all;
   EXPECT_NE(std::find(all.begin(), all.end(), json{{"first", "two"}, {"second", "2"}}), all.end()) << all;
 }
 
 TEST_F(CliPublishListTest, ExitStatusSaysWhetherAnythingWasFound) {
-  const ToolRun none = runTool({"list", "--group", tag, "--exit-status"});
+  const ToolRun none = tool({"list", "--group", tag, "--exit-status"});
   EXPECT_EQ(none.exitCode, 3);
   EXPECT_EQ(none.out, "FIRST  SECOND\n");
-  EXPECT_EQ(runTool({"list", "--group", tag}).exitCode, 0);
-  EXPECT_EQ(runTool({"list", "--group", tag, "--json", "--exit-status"}).exitCode, 3);
+  EXPECT_EQ(tool({"list", "--group", tag}).exitCode, 0);
+  EXPECT_EQ(tool({"list", "--group", tag, "--json", "--exit-status"}).exitCode, 3);
 
   auto publisher = publish("x", "y", tag);
-  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 0);
+  EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 0);
 }
 
 TEST_F(CliPublishListTest, SigintWithdrawsTheEndpoint) {
@@ -83,7 +79,7 @@ TEST_F(CliPublishListTest, SigintWithdrawsTheEndpoint) {
   publisher->signal(SIGINT);
   EXPECT_EQ(publisher->readLine(), "withdrawn: 10.0.0.1 8080");
   EXPECT_EQ(publisher->wait(), 0);
-  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\n");
+  EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST  SECOND\n");
   EXPECT_TRUE(recordFiles(tag).empty());
 }
 
@@ -92,33 +88,33 @@ TEST_F(CliPublishListTest, SigtermWithdrawsTheEndpoint) {
   publisher->signal(SIGTERM);
   EXPECT_EQ(publisher->readLine(), "withdrawn: 10.0.0.1 8080");
   EXPECT_EQ(publisher->wait(), 0);
-  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
+  EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
   EXPECT_TRUE(recordFiles(tag).empty());
 }
 
 TEST_F(CliPublishListTest, DuplicateIsRefusedWithTheLibraryMessage) {
   auto publisher = publish("10.0.0.1", "8080", tag);
-  const ToolRun duplicate = runTool({"publish", "10.0.0.1", "8080", "--group", tag});
+  const ToolRun duplicate = tool({"publish", "10.0.0.1", "8080", "--group", tag});
   EXPECT_EQ(duplicate.exitCode, 1);
   EXPECT_EQ(duplicate.out, "");
   EXPECT_EQ(duplicate.err, "endpointregistry: error: Endpoint already exists in registry\n");
-  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST     SECOND\n10.0.0.1  8080\n");
+  EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST     SECOND\n10.0.0.1  8080\n");
 }
 
 TEST_F(CliPublishListTest, TrusteeThatIsNoGroupOfTheUserIsRefused) {
-  const ToolRun run = runTool({"publish", "a", "b", "--group", tag, "--trustee", uniqueName("noSuchGroup")});
+  const ToolRun run = tool({"publish", "a", "b", "--group", tag, "--trustee", uniqueName("noSuchGroup")});
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "endpointregistry: error: Trustees can only be groups of the current user\n");
-  EXPECT_EQ(runTool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
+  EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
   EXPECT_TRUE(recordFiles(tag).empty());
 }
 
 TEST_F(CliPublishListTest, EmptyStringIsShownAsQuotes) {
-  auto publisher = std::make_unique<ToolProcess>(std::vector<std::string>{"publish", "", "only", "--group", tag});
+  auto publisher = start({"publish", "", "only", "--group", tag});
   EXPECT_EQ(publisher->readLine(), "live: \"\" only (group " + tag + ")");
-  EXPECT_EQ(runTool({"list", "--group", tag}).out, "FIRST  SECOND\n\"\"     only\n");
-  EXPECT_EQ(json::parse(runTool({"list", "--group", tag, "--json"}).out),
+  EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST  SECOND\n\"\"     only\n");
+  EXPECT_EQ(json::parse(tool({"list", "--group", tag, "--json"}).out),
             json::parse(R"([{"first": "", "second": "only"}])"));
 }
 

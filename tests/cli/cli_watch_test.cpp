@@ -7,69 +7,67 @@
 #include <string>
 
 #include "directory/segment_names.hpp"
-#include "support/registry_cleanup.hpp"
 #include "support/shm_files.hpp"
-#include "tool_process.hpp"
+#include "tool_test.hpp"
 
 namespace er::test {
 namespace {
 
 using nlohmann::json;
 
-class CliWatchTest : public ::testing::Test {
+class CliWatchTest : public ToolTest {
  protected:
-  std::string tag = uniqueName("cliWatch");
-  RegistryCleanup cleanup{tag};
+  std::string tag = newTag("cliWatch");
 };
 
 TEST_F(CliWatchTest, SigkilledPublisherDisappears) {
-  ToolProcess watcher({"watch", "--group", tag, "--interval", "20"});
-  ToolProcess publisher({"publish", "10.0.0.1", "8080", "--group", tag});
-  ASSERT_EQ(publisher.readLine(), "live: 10.0.0.1 8080 (group " + tag + ")");
-  EXPECT_EQ(watcher.readLine(), "+ 10.0.0.1 8080");
+  auto watcher = start({"watch", "--group", tag, "--interval", "20"});
+  auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
+  ASSERT_EQ(publisher->readLine(), "live: 10.0.0.1 8080 (group " + tag + ")");
+  EXPECT_EQ(watcher->readLine(), "+ 10.0.0.1 8080");
 
-  publisher.signal(SIGKILL);
-  EXPECT_EQ(publisher.wait(), 128 + SIGKILL);
-  EXPECT_EQ(watcher.readLine(), "- 10.0.0.1 8080");
+  publisher->signal(SIGKILL);
+  EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
+  EXPECT_EQ(watcher->readLine(), "- 10.0.0.1 8080");
   // The watcher's listing cleared the dead publisher's record away.
-  EXPECT_TRUE(filesIn(userScope(), agent::spf::endpointregistry::groupPrefix(tag)).empty());
+  EXPECT_TRUE(filesIn(scope(), agent::spf::endpointregistry::groupPrefix(tag)).empty());
 
-  watcher.signal(SIGINT);
-  EXPECT_EQ(watcher.wait(), 0);
-  EXPECT_EQ(watcher.output(), "");
-  EXPECT_EQ(watcher.errors(), "");
+  watcher->signal(SIGINT);
+  EXPECT_EQ(watcher->wait(), 0);
+  EXPECT_EQ(watcher->output(), "");
+  EXPECT_EQ(watcher->errors(), "");
 }
 
 TEST_F(CliWatchTest, EndpointsPresentAtStartAppearFirst) {
-  ToolProcess first({"publish", "a", "1", "--group", tag});
-  ToolProcess second({"publish", "b", "2", "--group", tag});
-  ASSERT_TRUE(first.readLine());
-  ASSERT_TRUE(second.readLine());
-  ToolProcess watcher({"watch", "--group", tag, "--interval", "20"});
-  EXPECT_EQ(watcher.readLine(), "+ a 1");
-  EXPECT_EQ(watcher.readLine(), "+ b 2");
-  first.signal(SIGINT);
-  EXPECT_EQ(first.wait(), 0);
-  EXPECT_EQ(watcher.readLine(), "- a 1");
-  watcher.signal(SIGTERM);
-  EXPECT_EQ(watcher.wait(), 0);
+  auto first = start({"publish", "a", "1", "--group", tag});
+  auto second = start({"publish", "b", "2", "--group", tag});
+  ASSERT_TRUE(first->readLine());
+  ASSERT_TRUE(second->readLine());
+  auto watcher = start({"watch", "--group", tag, "--interval", "20"});
+  EXPECT_EQ(watcher->readLine(), "+ a 1");
+  EXPECT_EQ(watcher->readLine(), "+ b 2");
+  first->signal(SIGINT);
+  EXPECT_EQ(first->wait(), 0);
+  EXPECT_EQ(watcher->readLine(), "- a 1");
+  watcher->signal(SIGTERM);
+  EXPECT_EQ(watcher->wait(), 0);
 }
 
 TEST_F(CliWatchTest, JsonLinesDescribeEachChange) {
-  ToolProcess watcher({"watch", "--group", tag, "--interval", "20", "--json"});
-  ToolProcess publisher({"publish", "10.0.0.1", "8080", "--group", tag});
-  ASSERT_TRUE(publisher.readLine());
-  const std::optional<std::string> appeared = watcher.readLine();
+  auto watcher = start({"watch", "--group", tag, "--interval", "20", "--json"});
+  auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
+  ASSERT_TRUE(publisher->readLine());
+  const std::optional<std::string> appeared = watcher->readLine();
   ASSERT_TRUE(appeared);
   EXPECT_EQ(json::parse(*appeared), json::parse(R"({"event": "appeared", "first": "10.0.0.1", "second": "8080"})"));
 
-  publisher.signal(SIGKILL);
-  const std::optional<std::string> disappeared = watcher.readLine();
+  publisher->signal(SIGKILL);
+  const std::optional<std::string> disappeared = watcher->readLine();
   ASSERT_TRUE(disappeared);
   EXPECT_EQ(json::parse(*disappeared),
             json::parse(R"({"event": "disappeared", "first": "10.0.0.1", "second": "8080"})"));
-  watcher.signal(SIGINT);
-  EXPECT_EQ(watcher.wait(), 0);
+  watcher->signal(SIGINT);
+  EXPECT_EQ(watcher->wait(), 0);
 }
 
 }  // namespace

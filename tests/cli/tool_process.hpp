@@ -18,7 +18,8 @@ struct Identity {
   std::vector<gid_t> groups;
 };
 
-inline constexpr std::chrono::milliseconds toolTimeout = std::chrono::seconds(20);
+// Generous: other processes may hold a directory lock for a while on a busy machine.
+inline constexpr std::chrono::milliseconds toolTimeout = std::chrono::seconds(60);
 
 class ToolProcess {
  public:
