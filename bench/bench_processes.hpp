@@ -46,6 +46,17 @@ inline bool awaitByte(int fd, std::chrono::milliseconds timeout) {
   }
 }
 
+// In a forked child: closes every descriptor above standard error except
+// `a` and `b`, so that the child holds no end of another child's pipe (which
+// would keep that child from seeing its pipe closed).
+inline void closeAllBut(int a, int b) {
+  const unsigned low = static_cast<unsigned>(std::min(a, b));
+  const unsigned high = static_cast<unsigned>(std::max(a, b));
+  if (low > 3) close_range(3, low - 1, 0);
+  if (high > low + 1) close_range(low + 1, high - 1, 0);
+  close_range(high + 1, ~0U, 0);
+}
+
 inline void reap(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -75,6 +86,7 @@ class ChildHolding {
     if (pid == 0) {
       close(down[1]);
       close(up[0]);
+      closeAllBut(down[0], up[1]);
       int code = 0;
       try {
         std::function<void()> held = body();
@@ -95,6 +107,7 @@ class ChildHolding {
     fromChild = up[0];
     if (!awaitByte(fromChild, patience)) {
       kill();
+      letGo();
       throw std::runtime_error("a child process did not get ready");
     }
   }
@@ -114,7 +127,7 @@ class ChildHolding {
     pid = -1;
   }
 
-  // SIGKILL now; the child is reaped by reapKilled() or letGo().
+  // SIGKILL now; letGo() (or the destructor) reaps the child.
   void kill() {
     if (pid > 0) ::kill(pid, SIGKILL);
   }
@@ -151,8 +164,10 @@ class SpawnedProgram {
     }
   }
   ~SpawnedProgram() {
-    ::kill(pid, SIGKILL);
-    reap(pid);
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      reap(pid);
+    }
     close(output);
   }
   SpawnedProgram(const SpawnedProgram&) = delete;
@@ -161,7 +176,7 @@ class SpawnedProgram {
   bool awaitReport(std::chrono::milliseconds timeout = std::chrono::seconds(30)) { return awaitByte(output, timeout); }
   // Waits for the program to end on its own (after it reported).
   void awaitEnd() {
-    reap(pid);
+    if (pid > 0) reap(pid);
     pid = -1;
   }
 

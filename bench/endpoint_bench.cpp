@@ -7,7 +7,9 @@
 //   cost against directory size, with the directory work one publication
 //   does at that size timed alongside);
 // - listing and filtering with N live endpoints, published by this process
-//   or by 4 other processes, with the directory read timed alongside.
+//   or by 4 other processes, with the directory read timed alongside (and,
+//   for a lister that holds no endpoint, the listing with the work thread
+//   kept alive).
 #include <benchmark/benchmark.h>
 #include <memory>
 #include <set>
@@ -18,6 +20,7 @@
 
 #include "bench_processes.hpp"
 #include "bench_support.hpp"
+#include "concurrency/work_queue.hpp"
 #include "directory/directory_entry.hpp"
 #include "directory/segment_names.hpp"
 
@@ -27,6 +30,7 @@ using agent::spf::endpointregistry::DirectoryEntry;
 using agent::spf::endpointregistry::Endpoint;
 using agent::spf::endpointregistry::listDirectoryNames;
 using agent::spf::endpointregistry::synonymPrefix;
+using agent::spf::endpointregistry::WorkThreadGuard;
 using erbench::Plan;
 using erbench::Samples;
 
@@ -129,11 +133,16 @@ void publishBesideN(benchmark::State& state, long n) {
 }
 
 // One listing (or filter by one tag) per iteration; the directory read
-// alone (the names under the same prefix) is timed in alternate iterations.
+// alone (the names under the same prefix) is timed alongside. A process
+// that holds no endpoint starts and joins the work thread for each
+// directory read; with `alsoHeld` the listing is timed a third time while a
+// work-thread guard is kept, which shows what that costs.
 template <class Listing>
-void timeListing(benchmark::State& state, const Listing& listing, const std::string& prefix, long expected) {
+void timeListing(benchmark::State& state, const Listing& listing, const std::string& prefix, long expected,
+                 bool alsoHeld = false) {
   Samples samples;
   Samples directory;
+  Samples held;
   std::size_t listed = 0;
   for (auto _ : state) {
     samples.time(state, [&] {
@@ -141,15 +150,22 @@ void timeListing(benchmark::State& state, const Listing& listing, const std::str
       listed = result.size();
       benchmark::DoNotOptimize(result);
     });
-    const auto start = erbench::Clock::now();
+    auto start = erbench::Clock::now();
     benchmark::DoNotOptimize(listDirectoryNames(prefix, ""));
     directory.addSide(erbench::Clock::now() - start);
+    if (alsoHeld) {
+      WorkThreadGuard keep([] {});
+      start = erbench::Clock::now();
+      benchmark::DoNotOptimize(listing());
+      held.addSide(erbench::Clock::now() - start);
+    }
   }
   if (static_cast<long>(listed) < expected) {
     state.SkipWithError(("listed " + std::to_string(listed) + " of " + std::to_string(expected)).c_str());
   }
   samples.report(state, static_cast<double>(expected));
   directory.report(state, static_cast<double>(expected), "dir_");
+  if (alsoHeld) held.report(state, static_cast<double>(expected), "held_");
 }
 
 void listOwn(benchmark::State& state, long n) {
@@ -211,7 +227,7 @@ FourPublishers& fourPublishers(long n) {
 void listFour(benchmark::State& state, long n) {
   fourPublishers(n);
   timeListing(
-      state, [] { return Endpoint::listFromLocal(); }, "qzER", n);
+      state, [] { return Endpoint::listFromLocal(); }, "qzER", n, true);
 }
 
 void filterFour(benchmark::State& state, long n) {

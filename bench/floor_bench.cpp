@@ -1,0 +1,75 @@
+// Floors of the registry's work, measured with bare system calls: what one
+// record costs a reader at the least (open, map, read, unmap and close one
+// existing segment of a record's size) and a publisher at the least (create,
+// size, map, write, unmap, close and remove one).
+//
+// The segments live directly in /dev/shm, outside the registry's folders,
+// under names of this process; every one made is removed.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+
+#include "bench_support.hpp"
+
+namespace {
+
+using erbench::Plan;
+using erbench::Samples;
+
+// A record of 13 data bytes (a typical address and port) is 70 bytes long.
+constexpr std::size_t segmentSize = 70;
+
+std::string segmentPath(const std::string& name) { return "/dev/shm/" + name; }
+
+void openMapReadClose(benchmark::State& state) {
+  const std::string path = segmentPath(erbench::uniqueName("erBenchFloor"));
+  {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0 || ftruncate(fd, segmentSize) != 0) throw std::runtime_error("cannot make the floor segment");
+    close(fd);
+  }
+  Samples samples;
+  unsigned sum = 0;
+  for (auto _ : state) {
+    samples.time(state, [&] {
+      const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+      void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      sum += *static_cast<volatile unsigned char*>(address);
+      munmap(address, segmentSize);
+      close(fd);
+    });
+  }
+  benchmark::DoNotOptimize(sum);
+  unlink(path.c_str());
+  samples.report(state);
+}
+
+void createRemove(benchmark::State& state) {
+  const std::string path = segmentPath(erbench::uniqueName("erBenchFloor"));
+  Samples samples;
+  for (auto _ : state) {
+    samples.time(state, [&] {
+      const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+      if (ftruncate(fd, segmentSize) != 0) state.SkipWithError("ftruncate failed");
+      void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      *static_cast<volatile unsigned char*>(address) = 1;
+      munmap(address, segmentSize);
+      close(fd);
+      unlink(path.c_str());
+    });
+  }
+  samples.report(state);
+}
+
+void registerFigures(const Plan& plan) {
+  erbench::figure("floor/open+map+read+unmap+close", openMapReadClose, plan.iterations(20000));
+  erbench::figure("floor/create+remove", createRemove, plan.iterations(10000));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return erbench::runBenchmarks(argc, argv, registerFigures); }

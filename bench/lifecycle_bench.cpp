@@ -1,0 +1,129 @@
+// Processes coming and going:
+// - a new process that starts, publishes one endpoint and reports it (one
+//   byte on its standard output), against its floor: the same program
+//   started to report at once;
+// - the time from SIGKILL of a publisher to the first listing that no
+//   longer shows its endpoint, against its floor: SIGKILL of a child to its
+//   reaping.
+//
+// This program is its own helper: started as
+//   lifecycle_bench --report                 it reports and ends;
+//   lifecycle_bench --publish-one TAG        it publishes, reports and ends.
+#include <benchmark/benchmark.h>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <endpointregistry/endpoint.hpp>
+
+#include "bench_processes.hpp"
+#include "bench_support.hpp"
+
+namespace {
+
+using agent::spf::endpointregistry::Endpoint;
+using erbench::Plan;
+using erbench::Samples;
+
+// Starts this program in a helper mode per iteration and times it until its
+// report arrives; the program's end is awaited outside the timing.
+void startAndReport(benchmark::State& state, const std::vector<std::string>& arguments) {
+  const std::string self = erbench::selfPath();
+  Samples samples;
+  for (auto _ : state) {
+    std::unique_ptr<erbench::SpawnedProgram> program;
+    bool reported = false;
+    samples.time(state, [&] {
+      program = std::make_unique<erbench::SpawnedProgram>(self, arguments);
+      reported = program->awaitReport();
+    });
+    if (!reported) {
+      state.SkipWithError("the started program did not report");
+      break;
+    }
+    program->awaitEnd();
+  }
+  samples.report(state);
+}
+
+void bareStart(benchmark::State& state) { startAndReport(state, {"--report"}); }
+
+void newProcessPublishes(benchmark::State& state) {
+  startAndReport(state, {"--publish-one", erbench::uniqueName("erBenchNew")});
+}
+
+// A child that blocks until killed.
+std::unique_ptr<erbench::ChildHolding> sleeper() {
+  return std::make_unique<erbench::ChildHolding>([] { return [] {}; });
+}
+
+void killToReaped(benchmark::State& state) {
+  Samples samples;
+  for (auto _ : state) {
+    auto child = sleeper();
+    samples.time(state, [&] {
+      child->kill();
+      child->letGo();
+    });
+  }
+  samples.report(state);
+}
+
+// Each iteration: a child publishes one endpoint; it is killed, and this
+// process lists (filters by the endpoint's tag) until the endpoint is gone.
+// This process holds no endpoint, as a plain lister would not.
+void killToGone(benchmark::State& state) {
+  Samples samples;
+  long listings = 0;
+  for (auto _ : state) {
+    const std::string tag = erbench::uniqueName("erBenchKill");
+    erbench::ChildHolding child([&tag] {
+      auto endpoint = std::make_shared<Endpoint>(Endpoint::publish("10.9.9.9", "1", tag));
+      return [endpoint] {};
+    });
+    if (Endpoint::filterFromLocal(tag).size() != 1) {
+      state.SkipWithError("the child's endpoint is not listed");
+      break;
+    }
+    samples.time(state, [&] {
+      child.kill();
+      do {
+        ++listings;
+      } while (!Endpoint::filterFromLocal(tag).empty());
+    });
+  }
+  samples.report(state);
+  state.counters["listings"] = static_cast<double>(listings) / static_cast<double>(samples.size());
+}
+
+void registerFigures(const Plan& plan) {
+  erbench::figure("floor/process start", bareStart, plan.iterations(200));
+  erbench::figure("new process publishes one", newProcessPublishes, plan.iterations(200));
+  erbench::figure("floor/SIGKILL to reaped", killToReaped, plan.iterations(200));
+  erbench::figure("SIGKILL to gone from listing", killToGone, plan.iterations(200));
+}
+
+// The helper modes; false when `argv` asks for none.
+bool runHelperMode(int argc, char** argv, int& code) {
+  if (argc == 2 && std::strcmp(argv[1], "--report") == 0) {
+    erbench::reportOnStdout();
+    code = 0;
+    return true;
+  }
+  if (argc == 3 && std::strcmp(argv[1], "--publish-one") == 0) {
+    Endpoint endpoint = Endpoint::publish("10.8.8.8", "1", argv[2]);
+    erbench::reportOnStdout();
+    code = 0;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int code = 0;
+  if (runHelperMode(argc, argv, code)) return code;
+  return erbench::runBenchmarks(argc, argv, registerFigures);
+}

@@ -1,0 +1,223 @@
+#!/usr/bin/env python3
+"""Turns the JSON output of the benchmark programs into one table and one
+JSON file.
+
+Each figure is shown with its median and 99th percentile (per iteration),
+its ratio to its floor (what the same work costs at the least, measured in
+the same run) and its ratio to its counterpart on the system bus. The
+targets are checked and listed under the table.
+
+Usage: report.py --out results.json [--machine KEY=VALUE ...] [--smoke] FILE.json ...
+Exit status: 1 when a benchmark failed or a figure is missing, else 0.
+"""
+import argparse
+import json
+import re
+import sys
+
+READ = "floor/open+map+read+unmap+close"
+CREATE = "floor/create+remove"
+HANDOFF = "floor/promise+future hand-off"
+THREAD = "floor/thread start+join"
+START = "floor/process start"
+KILL = "floor/SIGKILL to reaped"
+BUS_CYCLE = "bus/RequestName+ReleaseName"
+SIZES = [10, 100, 1000, 10000]
+
+
+def load(paths):
+    figures, errors = {}, []
+    for path in paths:
+        with open(path) as f:
+            data = json.load(f)
+        for entry in data.get("benchmarks", []):
+            name = re.sub(r"/iterations:\d+.*$", "", entry["run_name"])
+            if entry.get("error_occurred"):
+                errors.append(f"{name}: {entry.get('error_message', 'failed')}")
+                continue
+            figures[name] = entry
+    return figures, errors
+
+
+def median(figures, name):
+    entry = figures.get(name)
+    return entry["median_ns"] if entry else None
+
+
+def scaled(figures, name, factor):
+    value = median(figures, name)
+    return None if value is None else value * factor
+
+
+def listing_floor(figures, entry):
+    """Records listed times the read floor, plus the directory read."""
+    read = median(figures, READ)
+    if read is None or "dir_median_ns" not in entry:
+        return None
+    return entry["items"] * read + entry["dir_median_ns"]
+
+
+def rows():
+    """(label, figure name, floor function, bus figure name)."""
+    const = lambda name, factor=1: (lambda figures, entry: scaled(figures, name, factor))
+    table = [
+        ("publish+withdraw, beside another endpoint", "publish+withdraw/beside", const(CREATE), BUS_CYCLE),
+        ("publish+withdraw, alone (thread start+join)", "publish+withdraw/alone", const(CREATE), BUS_CYCLE),
+        ("publish+withdraw with 2 trustees", "publish+withdraw/2 trustees", const(CREATE, 3), BUS_CYCLE),
+    ]
+    dir_floor = lambda figures, entry: (median(figures, CREATE) or 0) + entry.get("dir_median_ns", 0)
+    for n in SIZES:
+        table.append((f"publish+withdraw beside N={n} own", f"publish+withdraw/own:{n}", dir_floor, BUS_CYCLE))
+    for who, what in (("own", "this process"), ("four", "4 other processes")):
+        for n in SIZES:
+            bus = f"bus/ListNames:{n}"
+            table.append((f"list N={n}, published by {what}", f"list/{who}:{n}", listing_floor, bus))
+            table.append((f"filter 1 tag of 10, N={n}, {what}", f"filter/{who}:{n}", listing_floor, bus))
+    table += [
+        ("listFromAllTrustees, 0 groups (100 records)", "listFromAllTrustees/0 groups", listing_floor,
+         "bus/ListNames:100"),
+        ("listFromAllTrustees, 2 groups (300 records)", "listFromAllTrustees/2 groups", listing_floor,
+         "bus/ListNames:100"),
+        ("new process publishes one endpoint", "new process publishes one", const(START),
+         "bus/new process owns a name"),
+        ("SIGKILL of a publisher to gone from listing", "SIGKILL to gone from listing", const(KILL),
+         "bus/SIGKILL to name gone"),
+        ("hand-off to the work thread, back to back", "hand-off/held, back to back", const(HANDOFF), None),
+        ("hand-off to the work thread, worker asleep", "hand-off/held, worker asleep", const(HANDOFF), None),
+        ("hand-off with no guard held (start+join)", "hand-off/unheld, start+join",
+         lambda figures, entry: (median(figures, THREAD) or 0) + (median(figures, HANDOFF) or 0), None),
+        ("bus: RequestName+ReleaseName", BUS_CYCLE, None, None),
+    ]
+    table += [(f"bus: ListNames, {n} names owned", f"bus/ListNames:{n}", None, None) for n in SIZES]
+    table += [
+        ("bus: connection set-up", "bus/connection set-up", None, None),
+        ("bus: new process owns a name", "bus/new process owns a name", const("bus/floor/process start"), None),
+        ("bus: SIGKILL of an owner to name gone", "bus/SIGKILL to name gone", const(KILL), None),
+    ]
+    table += [(f"floor: {name[len('floor/'):]}", name, None, None)
+              for name in (READ, CREATE, HANDOFF, THREAD, START, KILL)]
+    table.append(("floor: process start (bus program)", "bus/floor/process start", None, None))
+    return table
+
+
+def show_time(ns):
+    if ns is None:
+        return "—"
+    if ns >= 1e6:
+        return f"{ns / 1e6:.2f} ms"
+    if ns >= 1e3:
+        return f"{ns / 1e3:.1f} µs"
+    return f"{ns:.0f} ns"
+
+
+def show_ratio(value):
+    return "—" if value is None else f"{value:.2f}×"
+
+
+def build(figures, smoke):
+    results, missing = [], []
+    for label, name, floor_of, bus_name in rows():
+        entry = figures.get(name)
+        if entry is None:
+            # A smoke run measures the sweeps at N=10 only.
+            if not (smoke and re.search(r":\d+$", name) and not name.endswith(":10")):
+                missing.append(name)
+            continue
+        floor = floor_of(figures, entry) if floor_of else None
+        bus = median(figures, bus_name) if bus_name else None
+        items = entry.get("items", 1)
+        results.append({
+            "figure": label, "name": name, "median_ns": entry["median_ns"], "p99_ns": entry["p99_ns"],
+            "iterations": entry["iterations"], "items": items,
+            "per_record_ns": entry["median_ns"] / items if items > 1 else None,
+            "floor_ns": floor, "ratio_floor": entry["median_ns"] / floor if floor else None,
+            "bus_figure": bus_name, "bus_ns": bus, "ratio_bus": entry["median_ns"] / bus if bus else None,
+            "counters": {k: v for k, v in entry.items() if k.endswith("_ns") or k in ("live", "trustees", "listings")},
+        })
+    return results, missing
+
+
+def targets(figures):
+    checks = []
+
+    def check(text, value, limit):
+        if value is not None:
+            checks.append({"target": text, "value": round(value, 3), "limit": limit, "met": value <= limit})
+
+    cycle, bus = median(figures, "publish+withdraw/beside"), median(figures, BUS_CYCLE)
+    if cycle and bus:
+        check("publish+withdraw ≤ 0.5× bus RequestName+ReleaseName", cycle / bus, 0.5)
+    read = median(figures, READ)
+    for who in ("own", "four"):
+        for n in SIZES:
+            entry = figures.get(f"list/{who}:{n}")
+            if entry and read:
+                # median ≤ 1.15 × (records × floor) + one directory read
+                check(f"list N={n} ({who}): (median − directory read) / (records × read floor) ≤ 1.15",
+                      (entry["median_ns"] - entry["dir_median_ns"]) / (entry["items"] * read), 1.15)
+    new, start = median(figures, "new process publishes one"), median(figures, START)
+    if new and start:
+        check("new process publishing ≤ 1.2× bare process start", new / start, 1.2)
+    first, last = figures.get("publish+withdraw/own:10"), figures.get("publish+withdraw/own:10000")
+    if first and last:
+        rest = lambda entry: entry["median_ns"] - entry["dir_median_ns"]
+        check("publication beyond its directory work, N=10,000 vs N=10 ≤ 1.5×", rest(last) / rest(first), 1.5)
+    return checks
+
+
+def render(results, checks, machine):
+    lines = ["| Figure | median | p99 | × floor | × bus | per record |", "|---|---:|---:|---:|---:|---:|"]
+    for r in results:
+        lines.append(f"| {r['figure']} | {show_time(r['median_ns'])} | {show_time(r['p99_ns'])} | "
+                     f"{show_ratio(r['ratio_floor'])} | {show_ratio(r['ratio_bus'])} | "
+                     f"{show_time(r['per_record_ns'])} |")
+    curve = [r for r in results if r["name"].startswith("publish+withdraw/own:")]
+    if curve:
+        lines += ["", "Publication curve (this process holding N endpoints):", "",
+                  "| N | publish+withdraw | its directory work | the rest | set-up per endpoint |",
+                  "|---:|---:|---:|---:|---:|"]
+        for r in curve:
+            c = r["counters"]
+            lines.append(f"| {int(c.get('live', 0))} | {show_time(r['median_ns'])} | "
+                         f"{show_time(c.get('dir_median_ns'))} | "
+                         f"{show_time(r['median_ns'] - c.get('dir_median_ns', 0))} | "
+                         f"{show_time(c.get('setup_per_endpoint_ns'))} |")
+    held = [r for r in results if "held_median_ns" in r["counters"]]
+    if held:
+        lines += ["", "Listing by a process that holds no endpoint, against the same listing with the work "
+                  "thread kept alive:", "", "| N | no guard held | guard held |", "|---:|---:|---:|"]
+        for r in held:
+            lines.append(f"| {int(r['items'])} | {show_time(r['median_ns'])} | "
+                         f"{show_time(r['counters']['held_median_ns'])} |")
+    if checks:
+        lines += ["", "Targets:", ""]
+        lines += [f"- {'met   ' if c['met'] else 'MISSED'} {c['target']}: {c['value']:.2f}" for c in checks]
+    if machine:
+        lines += ["", "Machine: " + "; ".join(f"{k} {v}" for k, v in machine.items())]
+    return "\n".join(lines)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--out", required=True)
+    parser.add_argument("--machine", action="append", default=[])
+    parser.add_argument("--smoke", action="store_true")
+    parser.add_argument("files", nargs="+")
+    args = parser.parse_args()
+    machine = dict(item.split("=", 1) for item in args.machine)
+    figures, errors = load(args.files)
+    results, missing = build(figures, args.smoke)
+    checks = targets(figures)
+    print(render(results, checks, machine))
+    with open(args.out, "w") as f:
+        json.dump({"mode": "smoke" if args.smoke else "full", "machine": machine, "figures": results,
+                   "targets": checks, "errors": errors, "missing": missing}, f, indent=1, ensure_ascii=False)
+    for problem in errors:
+        print(f"bench: failed: {problem}", file=sys.stderr)
+    for name in missing:
+        print(f"bench: missing figure: {name}", file=sys.stderr)
+    return 1 if errors or missing else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
