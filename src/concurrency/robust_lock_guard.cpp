@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -120,6 +122,24 @@ bool PThreadRobustLockGuard::isHeldByLiveThreadOf(const pthread_mutex_t* mutex, 
   return errno != ESRCH;  // EPERM: the thread exists, owned by another user
 }
 
+namespace {
+
+// The longest the work thread waits at once for a mutex that another process
+// holds; then it runs the process's other jobs before it tries again.
+constexpr std::chrono::nanoseconds lockWaitSlice = std::chrono::milliseconds(10);
+
+// pthread_mutex_lock, except that it gives up with ETIMEDOUT after `slice`.
+int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  const long long nanoseconds = deadline.tv_nsec + slice.count();
+  deadline.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
+  deadline.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+}
+
+}  // namespace
+
 // Runs on the caller's thread; the lock itself is taken on the work thread.
 WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   if (mutexPtr == nullptr) {
@@ -132,7 +152,7 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   // owner's death is not reported further.
   auto lockJob = [this] {
     if (!hasPlainKind(mutexPtr)) return EINVAL;
-    const int result = pthread_mutex_lock(mutexPtr);
+    const int result = lockWithin(mutexPtr, lockWaitSlice);
     if (result == EOWNERDEAD) return pthread_mutex_consistent(mutexPtr);
     return result;
   };
@@ -143,7 +163,13 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   // thread. Blocking there would stall the queue on which that guard's
   // unlock must run, so the lock is re-queued behind the waiting jobs until
   // the other guard is gone. A deliberate busy retry.
-  while (result == EDEADLK) {
+  // ETIMEDOUT: another process has held the mutex for a whole slice. The
+  // lock is re-queued as well, so that the unlocks that this process's other
+  // threads queued meanwhile run first: two processes whose work threads
+  // each waited for a mutex that the other process holds (two directories,
+  // each locked for one thread and wanted for another) would otherwise wait
+  // for each other for ever.
+  while (result == EDEADLK || result == ETIMEDOUT) {
     guard = WorkThreadGuard::executeAndSet(lockJob, result);
   }
   if (result == 0) return guard;

@@ -7,6 +7,10 @@
 // prober sees EOWNERDEAD. Lock and unlock both run on the work thread. Within
 // one process, a second guard on a held mutex re-queues its lock until the
 // first guard is gone (EDEADLK retry), rather than blocking the work thread.
+// A mutex held by another process is waited for in slices of 10 ms, between
+// which the work thread runs the process's other jobs, so that processes
+// whose threads hold and want several such mutexes cannot deadlock through
+// their work threads.
 #pragma once
 
 #include <pthread.h>

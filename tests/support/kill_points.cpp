@@ -42,6 +42,7 @@ const std::vector<std::string>& libraryTestPoints() {
   static const std::vector<std::string> points{
       "record.created",         "record.locked",
       "record.published",       "record.withdrawing",
+      "record.probing",         "record.reclaiming",
       "directory.entry.erased", "directory.initialize.claimed",
       "directory.row.written",  "directory.reorganize.created",
   };
