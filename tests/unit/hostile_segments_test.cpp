@@ -195,6 +195,41 @@ TEST_F(HostileSegmentsTest, DirectoryBaseOfAnotherOwnerOrWithExtraModeBitsIsRefu
   }
 }
 
+// A segment of another owner planted under the very name the user's record
+// is about to take: it is neither read nor reclaimed, and the publication
+// fails with the creation error.
+TEST_F(HostileSegmentsTest, SegmentOfAnotherOwnerUnderTheRecordsNameMakesPublishingFail) {
+  runAs(*user, {}, [&] { Endpoint endpoint({"make", "folder"}, tag); });
+  ChildProcess child([&](ChildProcess& self) {
+    if (!becomeUser(user->uid(), user->gid(), {})) return 2;
+    self.tellParent(recordName({"taken", "name"}, tag, 0, ""));
+    if (self.readFromParent() != "planted") return 3;
+    LogCapture capture(channels);
+    expectPublishingFails([&] { Endpoint endpoint({"taken", "name"}, tag); }, recordCreationFailed);
+    const std::string path = folder + "/" + recordName({"taken", "name"}, tag, 0, "");
+    EXPECT_TRUE(
+        logged(capture, 256,
+               "find: " + path + ": owner " + std::to_string(other->uid()) + " is not " + std::to_string(user->uid())));
+    EXPECT_TRUE(logged(capture, 256, "create: " + path + ": exists already"));
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  const auto name = child.readFromChild();
+  ASSERT_TRUE(name);
+  const std::string path = folder + "/" + *name;
+  {
+    std::FILE* planted = std::fopen(path.c_str(), "w");
+    ASSERT_NE(planted, nullptr);
+    std::fputs("planted by another user", planted);
+    std::fclose(planted);
+  }
+  ASSERT_EQ(chown(path.c_str(), other->uid(), other->gid()), 0);
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);  // open to the user, so that only the library's check refuses it
+  const auto before = readBytes(path);
+  child.tellChild("planted");
+  EXPECT_EQ(child.wait(60s), 0);
+  EXPECT_EQ(readBytes(path), before);
+}
+
 // A live record whose segment gains mode bits for others, or passes to
 // another owner, is left out of the listing and left alone.
 TEST_F(HostileSegmentsTest, RecordOfAnotherOwnerOrWithExtraModeBitsIsLeftOut) {
