@@ -95,8 +95,10 @@ class ENDPOINTREGISTRY_EXPORT Endpoint {
 
   // Listing. Each returns the live endpoints' data pairs, each pair once,
   // sorted by first then second string. A listing also clears away the
-  // records of dead publishers that it meets. An empty group tag matches
-  // every group tag.
+  // records of dead publishers that it meets, and those of its group tag
+  // that a publisher killed while publishing or withdrawing left without a
+  // name in the trustee's directory. An empty group tag matches every group
+  // tag.
 
   // The endpoints of `groupTag` published under any of `trustees` ("" is the
   // current user's own publications). An empty set yields an empty result.
