@@ -79,6 +79,15 @@ void expectPublishingFails(const std::function<void()>& publish, const std::stri
   }
 }
 
+// Removes a folder with everything in it when it goes, however the test ends.
+struct FolderRemoval {
+  explicit FolderRemoval(std::string path) : path(std::move(path)) {}
+  ~FolderRemoval() { std::filesystem::remove_all(path); }
+  FolderRemoval(const FolderRemoval&) = delete;
+  FolderRemoval& operator=(const FolderRemoval&) = delete;
+  std::string path;
+};
+
 const std::string recordCreationFailed = "System error: Endpoint::createSharedMemory: Failed to create shared memory";
 
 class HostileSegmentsTest : public ::testing::Test {
@@ -264,6 +273,8 @@ TEST_F(HostileSegmentsTest, GroupScopeFolderOfAnOutsiderIsRefused) {
   TemporaryUser member;
   TemporaryGroup group({user->name(), member.name()});
   const std::string groupFolder = er::test::groupScope(group.gid());
+  FolderRemoval groupFolderRemoval(groupFolder);
+  FolderRemoval memberFolderRemoval(userFolder(member.uid()));
   runAs(*other, {}, [&] {
     ASSERT_EQ(mkdir(groupFolder.c_str(), 0777), 0);
     ASSERT_EQ(chmod(groupFolder.c_str(), 02777), 0);
@@ -281,8 +292,6 @@ TEST_F(HostileSegmentsTest, GroupScopeFolderOfAnOutsiderIsRefused) {
   });
   runAs(member, {group.gid()}, [&] { EXPECT_TRUE(Endpoint::filterFromAllTrustees(tag).empty()); });
   EXPECT_TRUE(filesIn(groupFolder).empty());
-  std::filesystem::remove_all(groupFolder);
-  std::filesystem::remove_all(userFolder(member.uid()));
 }
 
 // A member's record in the group's folder that passes to another group is
@@ -292,6 +301,8 @@ TEST_F(HostileSegmentsTest, GroupRecordOfAnotherGroupIsLeftOut) {
   TemporaryGroup group({user->name(), member.name()});
   TemporaryGroup stranger;
   const std::string groupFolder = er::test::groupScope(group.gid());
+  FolderRemoval groupFolderRemoval(groupFolder);
+  FolderRemoval memberFolderRemoval(userFolder(member.uid()));
   auto live = publisher({"shared", "record"}, {group.gid()}, {group.name()});
   runAs(member, {group.gid()}, [&] { EXPECT_EQ(Endpoint::filterFromAllTrustees(tag), (Pairs{{"shared", "record"}})); });
   const auto records = filesIn(groupFolder, groupPrefix(tag));
@@ -309,8 +320,6 @@ TEST_F(HostileSegmentsTest, GroupRecordOfAnotherGroupIsLeftOut) {
   });
   EXPECT_EQ(readBytes(path), bytes);
   live.reset();
-  std::filesystem::remove_all(groupFolder);
-  std::filesystem::remove_all(userFolder(member.uid()));
 }
 
 }  // namespace
