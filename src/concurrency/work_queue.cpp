@@ -77,24 +77,27 @@ inline void relaxCpu() noexcept {
 #endif
 }
 
-// Watches `ready` for at most `limit`; true once it holds. Never blocks.
-// After the first few microseconds each round also yields the core, so that
-// a thread waiting for it (often the other side of the hand-off, woken onto
-// this core) is not kept off it by the spin.
+// Watches `ready` for at most `limit`; true once it holds. Never blocks and
+// never yields: a spinner that yielded its core on a busy machine could wait
+// a whole time slice to get it back.
 template <class Ready>
 bool spinUntil(const Ready& ready, std::chrono::microseconds limit) {
   if (ready()) return true;
   if (!spinningHelps()) return false;
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  for (unsigned round = 0;; ++round) {
+  for (;;) {
     for (int i = 0; i < 32; ++i) {
       if (ready()) return true;
       relaxCpu();
     }
     if (std::chrono::steady_clock::now() >= deadline) return ready();
-    if (round >= 4) sched_yield();
   }
 }
+
+// Set on the work thread when the job it just ran handed its outcome to a
+// caller that had gone to sleep or shares its core: that caller may need this
+// very core, so the thread does not spin for its next job this time.
+thread_local bool leaveCoreToCaller = false;
 
 // The outcome of one job of executeAndSet, handed from the work thread to
 // the waiting caller: the job's value or exception, or the news that the
@@ -112,11 +115,19 @@ class Completion {
   }
   void breakPromise() noexcept { finish(Broken); }
 
-  // Caller: waits (spinning briefly, then blocking) for the outcome; returns
-  // the value or rethrows the job's exception.
-  int get() {
-    spinUntil([this] { return state.load(std::memory_order_acquire) != Pending; }, callerSpin);
-    int seen = state.load(std::memory_order_acquire);
+  // Caller: waits for the outcome of a job pushed to `queue`, spinning
+  // briefly while the work thread is awake on another core, else blocking;
+  // returns the value or rethrows the job's exception.
+  int get(const WorkQueue& queue) {
+    spinUntil(
+        [&] {
+          if (state.load(std::memory_order_acquire) != Pending) return true;
+          const int workerCpu = queue.awakeOn();
+          return workerCpu < 0 || workerCpu == callerCpu;
+        },
+        callerSpin);
+    asleep.store(true, std::memory_order_seq_cst);
+    int seen = state.load(std::memory_order_seq_cst);
     while (seen == Pending) {
       state.wait(Pending, std::memory_order_acquire);
       seen = state.load(std::memory_order_acquire);
@@ -131,13 +142,17 @@ class Completion {
 
   // The store is sequentially consistent: notify_one() skips the wake-up
   // when it sees no sleeper registered, and only a store ordered before
-  // that look makes sure a caller just going to sleep sees the outcome.
+  // that look makes sure a caller just going to sleep sees the outcome. The
+  // same order makes `asleep` true here whenever the caller may sleep.
   void finish(int outcome) noexcept {
     state.store(outcome, std::memory_order_seq_cst);
     state.notify_one();
+    if (asleep.load(std::memory_order_seq_cst) || callerCpu == sched_getcpu()) leaveCoreToCaller = true;
   }
 
   std::atomic<int> state{Pending};
+  std::atomic<bool> asleep{false};       // the caller stopped spinning
+  const int callerCpu = sched_getcpu();  // where the caller ran when it made the job
   int value = 0;
   std::exception_ptr error;
 };
@@ -225,15 +240,24 @@ void WorkQueue::push(std::function<void()> job) {
 }
 
 void WorkQueue::run() {
+  awakeCpu.store(sched_getcpu(), std::memory_order_release);
   for (;;) {
     // A job pushed soon after the last one is taken without sleeping.
-    spinUntil(
-        [this] { return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire); },
-        workerSpin);
+    if (!std::exchange(leaveCoreToCaller, false)) {
+      spinUntil(
+          [this] { return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire); },
+          workerSpin);
+    }
     std::function<void()> job;
     {
       std::unique_lock<std::mutex> lock(mutex);
-      condition.wait(lock, [this] { return stop || !jobs.empty(); });
+      // Marked asleep under the mutex: a caller that pushes after this sees
+      // it and does not spin; one that pushed before is not slept through.
+      if (!stop && jobs.empty()) {
+        awakeCpu.store(-1, std::memory_order_release);
+        condition.wait(lock, [this] { return stop || !jobs.empty(); });
+      }
+      awakeCpu.store(sched_getcpu(), std::memory_order_release);
       if (stop) return;  // jobs still queued are destroyed with the queue, unrun
       job = std::move(jobs.front());
       jobs.pop_front();
@@ -290,7 +314,7 @@ WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, 
   sender.reset();
 
   try {
-    result = completion->get();
+    result = completion->get(*guard.queue());
   } catch (const std::exception& error) {
     logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to execute the provided function in the work thread. ",
                "Error: ", error.what());

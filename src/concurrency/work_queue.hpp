@@ -15,10 +15,14 @@
 //
 // Hand-offs: waking a sleeping thread on another core costs tens of
 // microseconds, and one publication makes about ten hand-offs. So both sides
-// spin briefly before they sleep: the work thread watches for the next job
-// for a short while after each one, and a caller watches for its job's
-// outcome before it blocks. The spins are bounded and are skipped when the
-// process may use only one CPU; sleeping and waking work as before.
+// spin briefly before they sleep, as long as the other side runs on another
+// core: the work thread watches for the next job for a short while after
+// each one, and a caller whose job went to an awake work thread watches for
+// its outcome before it blocks. A caller that had to wake the thread, or
+// shares its core, blocks at once; the thread does not spin after a job
+// whose caller slept or shares its core. The spins are bounded and are
+// skipped when the process may use only one CPU; sleeping and waking work as
+// before.
 //
 // Fork: a forked child forgets its parent's queue, so its first request
 // starts a work thread of its own. Guards inherited from the parent still
@@ -55,6 +59,10 @@ class WorkQueue {
   // Identifier of the work thread.
   std::thread::id threadId() const noexcept { return thread.get_id(); }
 
+  // The core on which the work thread last ran while it runs or watches for
+  // its next job; -1 while it sleeps, and before it has started.
+  int awakeOn() const noexcept { return awakeCpu.load(std::memory_order_acquire); }
+
  private:
   void run();
   void abandonInForkedChild() noexcept;
@@ -67,6 +75,7 @@ class WorkQueue {
   // read without it by the work thread while it spins before sleeping.
   std::atomic<bool> stopSeen{false};
   std::atomic<std::size_t> jobCount{0};
+  std::atomic<int> awakeCpu{-1};
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
 };
