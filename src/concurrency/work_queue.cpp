@@ -1,7 +1,9 @@
 #include "concurrency/work_queue.hpp"
 
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <chrono>
 #include <exception>
@@ -129,8 +131,10 @@ class Completion {
     asleep.store(true, std::memory_order_seq_cst);
     int seen = state.load(std::memory_order_seq_cst);
     while (seen == Pending) {
-      state.wait(Pending, std::memory_order_acquire);
-      seen = state.load(std::memory_order_acquire);
+      // Returns at once if the outcome came meanwhile (the word changed),
+      // on the wake-up, or on a signal; the loop looks again in each case.
+      syscall(SYS_futex, stateWord(), FUTEX_WAIT_PRIVATE, Pending, nullptr, nullptr, 0);
+      seen = state.load(std::memory_order_seq_cst);
     }
     if (seen == Broken) throw std::future_error(std::future_errc::broken_promise);
     if (error) std::rethrow_exception(error);
@@ -140,17 +144,26 @@ class Completion {
  private:
   enum : int { Pending, Done, Broken };
 
-  // The store is sequentially consistent: notify_one() skips the wake-up
-  // when it sees no sleeper registered, and only a store ordered before
-  // that look makes sure a caller just going to sleep sees the outcome. The
-  // same order makes `asleep` true here whenever the caller may sleep.
+  // The caller writes `asleep` before its last look at `state`, and this
+  // writes `state` before it looks at `asleep`, both sequentially
+  // consistent: so either the caller sees the outcome and does not sleep, or
+  // this sees `asleep` and wakes it. The wake-up system call is made only
+  // then. The job's sender keeps this object alive throughout.
   void finish(int outcome) noexcept {
     state.store(outcome, std::memory_order_seq_cst);
-    state.notify_one();
-    if (asleep.load(std::memory_order_seq_cst) || callerCpu == sched_getcpu()) leaveCoreToCaller = true;
+    if (asleep.load(std::memory_order_seq_cst)) {
+      syscall(SYS_futex, stateWord(), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+      leaveCoreToCaller = true;
+    } else if (callerCpu == sched_getcpu()) {
+      leaveCoreToCaller = true;
+    }
   }
 
+  // The futex word: the atomic's own int.
+  int* stateWord() noexcept { return reinterpret_cast<int*>(&state); }
+
   std::atomic<int> state{Pending};
+  static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_always_lock_free);
   std::atomic<bool> asleep{false};       // the caller stopped spinning
   const int callerCpu = sched_getcpu();  // where the caller ran when it made the job
   int value = 0;
