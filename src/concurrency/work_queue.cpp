@@ -60,6 +60,11 @@ void registerForkHandler() {
 // thread that is awake. Both stay well below the cost of a sleep and wake-up.
 constexpr std::chrono::microseconds workerSpin{100};
 constexpr std::chrono::microseconds callerSpin{50};
+// How long a caller that had to wake the work thread spins for it to come
+// up on another core. Spinning keeps the caller's core busy, so that the
+// woken thread is placed on an idle core and the two do not end up taking
+// turns on one; a thread that does not come up in time is waited for asleep.
+constexpr std::chrono::microseconds wakeUpSpin{30};
 
 // Spinning only helps when the other side can run at the same time.
 bool spinningHelps() {
@@ -96,9 +101,9 @@ bool spinUntil(const Ready& ready, std::chrono::microseconds limit) {
   }
 }
 
-// Set on the work thread when the job it just ran handed its outcome to a
-// caller that had gone to sleep or shares its core: that caller may need this
-// very core, so the thread does not spin for its next job this time.
+// Set on the work thread when the job it just ran came from a caller on the
+// same core: that caller needs this very core to go on, so the thread does
+// not spin for its next job this time.
 thread_local bool leaveCoreToCaller = false;
 
 // The outcome of one job of executeAndSet, handed from the work thread to
@@ -118,14 +123,16 @@ class Completion {
   void breakPromise() noexcept { finish(Broken); }
 
   // Caller: waits for the outcome of a job pushed to `queue`, spinning
-  // briefly while the work thread is awake on another core, else blocking;
-  // returns the value or rethrows the job's exception.
+  // briefly while the work thread is awake on another core (or is waking
+  // up), else blocking; returns the value or rethrows the job's exception.
   int get(const WorkQueue& queue) {
+    const auto wakeUpDeadline = std::chrono::steady_clock::now() + wakeUpSpin;
     spinUntil(
         [&] {
           if (state.load(std::memory_order_acquire) != Pending) return true;
           const int workerCpu = queue.awakeOn();
-          return workerCpu < 0 || workerCpu == callerCpu;
+          if (workerCpu >= 0) return workerCpu == callerCpu;
+          return std::chrono::steady_clock::now() >= wakeUpDeadline;
         },
         callerSpin);
     asleep.store(true, std::memory_order_seq_cst);
@@ -153,10 +160,8 @@ class Completion {
     state.store(outcome, std::memory_order_seq_cst);
     if (asleep.load(std::memory_order_seq_cst)) {
       syscall(SYS_futex, stateWord(), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-      leaveCoreToCaller = true;
-    } else if (callerCpu == sched_getcpu()) {
-      leaveCoreToCaller = true;
     }
+    if (callerCpu == sched_getcpu()) leaveCoreToCaller = true;
   }
 
   // The futex word: the atomic's own int.

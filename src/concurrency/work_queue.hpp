@@ -20,7 +20,7 @@
 // each one, and a caller whose job went to an awake work thread watches for
 // its outcome before it blocks. A caller that had to wake the thread, or
 // shares its core, blocks at once; the thread does not spin after a job
-// whose caller slept or shares its core. The spins are bounded and are
+// whose caller shares its core. The spins are bounded and are
 // skipped when the process may use only one CPU; sleeping and waking work as
 // before.
 //
