@@ -331,9 +331,11 @@ TEST_F(CrashHarness, KilledWhileInitialisingAFreshTrusteeDirectory) {
 TEST_F(CrashHarness, KilledInsideEveryDirectoryReorganisation) {
   if (!er::test::testPointsCompiledIn()) GTEST_SKIP() << "test points are compiled out";
   // Twelve names more in each directory: it grows past ten rows and back.
+  // How often depends on how many names other processes keep in the shared
+  // directories at that moment; at least one growth and one shrink happen.
   const std::map<std::string, unsigned> reaches = reachesOfWorkload(12);
   const unsigned count = reaches.count("directory.reorganize.created") ? reaches.at("directory.reorganize.created") : 0;
-  ASSERT_GE(count, group ? 4u : 2u);
+  ASSERT_GE(count, 2u);
   unsigned kills = 0;
   for (unsigned skip = 0; skip < count; ++skip) {
     if (killWorkloadAt("directory.reorganize.created", skip, 12)) ++kills;
