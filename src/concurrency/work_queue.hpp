@@ -17,12 +17,11 @@
 // microseconds, and one publication makes about ten hand-offs. So both sides
 // spin briefly before they sleep, as long as the other side runs on another
 // core: the work thread watches for the next job for a short while after
-// each one, and a caller whose job went to an awake work thread watches for
-// its outcome before it blocks. A caller that had to wake the thread, or
-// shares its core, blocks at once; the thread does not spin after a job
-// whose caller shares its core. The spins are bounded and are
-// skipped when the process may use only one CPU; sleeping and waking work as
-// before.
+// each one (unless that job's caller shares its core), and a caller watches
+// for its job's outcome while the thread is awake on another core, or for a
+// short while for a thread it had to wake to come up on one. The spins are
+// bounded and are skipped when the process may use only one CPU; sleeping
+// and waking work as before.
 //
 // Fork: a forked child forgets its parent's queue, so its first request
 // starts a work thread of its own. Guards inherited from the parent still
