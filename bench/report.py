@@ -26,17 +26,22 @@ SIZES = [10, 100, 1000, 10000]
 
 
 def load(paths):
-    figures, errors = {}, []
+    """Figures by name, failures, and figures skipped for want of root."""
+    figures, errors, skipped = {}, [], set()
     for path in paths:
         with open(path) as f:
             data = json.load(f)
         for entry in data.get("benchmarks", []):
             name = re.sub(r"/iterations:\d+.*$", "", entry["run_name"])
             if entry.get("error_occurred"):
-                errors.append(f"{name}: {entry.get('error_message', 'failed')}")
+                message = entry.get("error_message", "failed")
+                if message.startswith("needs root"):
+                    skipped.add(name)
+                else:
+                    errors.append(f"{name}: {message}")
                 continue
             figures[name] = entry
-    return figures, errors
+    return figures, errors, skipped
 
 
 def median(figures, name):
@@ -114,13 +119,14 @@ def show_ratio(value):
     return "—" if value is None else f"{value:.2f}×"
 
 
-def build(figures, smoke):
+def build(figures, skipped, smoke):
     results, missing = [], []
     for label, name, floor_of, bus_name in rows():
         entry = figures.get(name)
         if entry is None:
             # A smoke run measures the sweeps at N=10 only.
-            if not (smoke and re.search(r":\d+$", name) and not name.endswith(":10")):
+            expected = not (smoke and re.search(r":\d+$", name) and not name.endswith(":10"))
+            if expected and name not in skipped:
                 missing.append(name)
             continue
         floor = floor_of(figures, entry) if floor_of else None
@@ -205,13 +211,16 @@ def main():
     parser.add_argument("files", nargs="+")
     args = parser.parse_args()
     machine = dict(item.split("=", 1) for item in args.machine)
-    figures, errors = load(args.files)
-    results, missing = build(figures, args.smoke)
+    figures, errors, skipped = load(args.files)
+    results, missing = build(figures, skipped, args.smoke)
     checks = targets(figures)
     print(render(results, checks, machine))
     with open(args.out, "w") as f:
         json.dump({"mode": "smoke" if args.smoke else "full", "machine": machine, "figures": results,
-                   "targets": checks, "errors": errors, "missing": missing}, f, indent=1, ensure_ascii=False)
+                   "targets": checks, "errors": errors, "missing": missing, "skipped": sorted(skipped)}, f,
+                  indent=1, ensure_ascii=False)
+    for name in sorted(skipped):
+        print(f"bench: skipped (needs root): {name}", file=sys.stderr)
     for problem in errors:
         print(f"bench: failed: {problem}", file=sys.stderr)
     for name in missing:
