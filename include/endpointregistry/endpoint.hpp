@@ -17,6 +17,13 @@
 // Thread rules: one Endpoint object must not be used from two threads at
 // once; different objects and the static operations may be used from any
 // threads of any processes at the same time.
+//
+// Fork rules: a child forked from a process that holds endpoints may publish
+// and list on its own at once (it gets a work thread of its own). The copies
+// of Endpoint objects it inherits belong to the parent: destroying or
+// resetting them in the child, or the child exiting or calling exec, never
+// withdraws or disturbs the parent's publications. The child cannot withdraw
+// them either; only the parent can.
 #pragma once
 
 #include <memory>
