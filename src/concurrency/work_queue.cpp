@@ -63,8 +63,9 @@ constexpr std::chrono::microseconds callerSpin{50};
 // How long a caller that had to wake the work thread spins for it to come
 // up on another core. Spinning keeps the caller's core busy, so that the
 // woken thread is placed on an idle core and the two do not end up taking
-// turns on one; a thread that does not come up in time is waited for asleep.
-constexpr std::chrono::microseconds wakeUpSpin{30};
+// turns on one; a thread that does not come up in time (no core is idle) is
+// waited for asleep.
+constexpr std::chrono::microseconds wakeUpSpin{15};
 
 // Spinning only helps when the other side can run at the same time.
 bool spinningHelps() {
@@ -101,6 +102,16 @@ bool spinUntil(const Ready& ready, std::chrono::microseconds limit) {
   }
 }
 
+// A caller thread's record of its spins for a work thread it woke: while no
+// core is free they only cost, so after two that failed in a row the caller
+// tries only every sixteenth time, until one succeeds again.
+thread_local unsigned wakeUpSpinsFailed = 0;
+thread_local unsigned wakeUpSpinsSkipped = 0;
+
+bool wakeUpSpinPays() noexcept { return wakeUpSpinsFailed < 2 || ++wakeUpSpinsSkipped % 16 == 0; }
+
+void recordWakeUpSpin(bool succeeded) noexcept { wakeUpSpinsFailed = succeeded ? 0 : wakeUpSpinsFailed + 1; }
+
 // Set on the work thread when the job it just ran came from a caller on the
 // same core: that caller needs this very core to go on, so the thread does
 // not spin for its next job this time.
@@ -126,16 +137,24 @@ class Completion {
   // briefly while the work thread is awake on another core (or is waking
   // up), else blocking; returns the value or rethrows the job's exception.
   int get(const WorkQueue& queue) {
+    const bool wakeUp = queue.awakeOn() == WorkQueue::asleep && wakeUpSpinPays();
     const auto wakeUpDeadline = std::chrono::steady_clock::now() + wakeUpSpin;
+    bool cameUpElsewhere = false;
     spinUntil(
         [&] {
           if (state.load(std::memory_order_acquire) != Pending) return true;
           const int workerCpu = queue.awakeOn();
-          if (workerCpu >= 0) return workerCpu == callerCpu;
-          return std::chrono::steady_clock::now() >= wakeUpDeadline;
+          if (workerCpu >= 0) {
+            cameUpElsewhere = workerCpu != callerCpu;
+            return !cameUpElsewhere;
+          }
+          // A thread that has not started yet is not spun for: starting
+          // takes longer than a spin is worth.
+          return !wakeUp || workerCpu == WorkQueue::notStarted || std::chrono::steady_clock::now() >= wakeUpDeadline;
         },
         callerSpin);
-    asleep.store(true, std::memory_order_seq_cst);
+    if (wakeUp) recordWakeUpSpin(cameUpElsewhere || state.load(std::memory_order_acquire) != Pending);
+    callerAsleep.store(true, std::memory_order_seq_cst);
     int seen = state.load(std::memory_order_seq_cst);
     while (seen == Pending) {
       // Returns at once if the outcome came meanwhile (the word changed),
@@ -151,14 +170,14 @@ class Completion {
  private:
   enum : int { Pending, Done, Broken };
 
-  // The caller writes `asleep` before its last look at `state`, and this
-  // writes `state` before it looks at `asleep`, both sequentially
+  // The caller writes `callerAsleep` before its last look at `state`, and
+  // this writes `state` before it looks at `callerAsleep`, both sequentially
   // consistent: so either the caller sees the outcome and does not sleep, or
-  // this sees `asleep` and wakes it. The wake-up system call is made only
+  // this sees `callerAsleep` and wakes it. The wake-up system call is made only
   // then. The job's sender keeps this object alive throughout.
   void finish(int outcome) noexcept {
     state.store(outcome, std::memory_order_seq_cst);
-    if (asleep.load(std::memory_order_seq_cst)) {
+    if (callerAsleep.load(std::memory_order_seq_cst)) {
       syscall(SYS_futex, stateWord(), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
     if (callerCpu == sched_getcpu()) leaveCoreToCaller = true;
@@ -169,8 +188,8 @@ class Completion {
 
   std::atomic<int> state{Pending};
   static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_always_lock_free);
-  std::atomic<bool> asleep{false};       // the caller stopped spinning
-  const int callerCpu = sched_getcpu();  // where the caller ran when it made the job
+  std::atomic<bool> callerAsleep{false};  // the caller stopped spinning
+  const int callerCpu = sched_getcpu();   // where the caller ran when it made the job
   int value = 0;
   std::exception_ptr error;
 };
@@ -272,7 +291,7 @@ void WorkQueue::run() {
       // Marked asleep under the mutex: a caller that pushes after this sees
       // it and does not spin; one that pushed before is not slept through.
       if (!stop && jobs.empty()) {
-        awakeCpu.store(-1, std::memory_order_release);
+        awakeCpu.store(WorkQueue::asleep, std::memory_order_release);
         condition.wait(lock, [this] { return stop || !jobs.empty(); });
       }
       awakeCpu.store(sched_getcpu(), std::memory_order_release);

@@ -59,7 +59,9 @@ class WorkQueue {
   std::thread::id threadId() const noexcept { return thread.get_id(); }
 
   // The core on which the work thread last ran while it runs or watches for
-  // its next job; -1 while it sleeps, and before it has started.
+  // its next job; `asleep` while it sleeps, `notStarted` before it starts.
+  static constexpr int asleep = -1;
+  static constexpr int notStarted = -2;
   int awakeOn() const noexcept { return awakeCpu.load(std::memory_order_acquire); }
 
  private:
@@ -74,7 +76,7 @@ class WorkQueue {
   // read without it by the work thread while it spins before sleeping.
   std::atomic<bool> stopSeen{false};
   std::atomic<std::size_t> jobCount{0};
-  std::atomic<int> awakeCpu{-1};
+  std::atomic<int> awakeCpu{notStarted};
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
 };
