@@ -65,8 +65,8 @@ std::string containerName(const std::string& baseName, unsigned long number) {
 // Removes the name of a segment whatever its size; only its name is needed,
 // so it is opened with the smallest size.
 void removeSegment(const std::string& name, const std::string& trustee,
-                   SharedMemory::ImplementationSpecifications specifications) {
-  SharedMemory segment = SharedMemory::find(name, 1, trustee, specifications);
+                   SharedMemory::ImplementationSpecifications implementation) {
+  SharedMemory segment = SharedMemory::find(name, 1, trustee, implementation);
   if (segment.isAttached()) segment.markForDeletion();
 }
 
@@ -310,8 +310,8 @@ void NamedStringArray::deleteInactiveContainer(SharedMemory& base, SharedMemory&
 
 void NamedStringArray::deleteNamedStringArray(const std::string& name, unsigned long version, const std::string&) {
   const std::string baseName = makeBaseName(name, version, "");
-  const SharedMemory::ImplementationSpecifications specifications{};
-  SharedMemory base = SharedMemory::find(baseName, baseSize, "", specifications);
+  const SharedMemory::ImplementationSpecifications implementation{};
+  SharedMemory base = SharedMemory::find(baseName, baseSize, "", implementation);
   if (!base.isAttached()) {
     logMessage(mainLogger(), RefusedRequest,
                "NamedStringArray::deleteNamedStringArray(): ", "Base shared memory could not be found.");
@@ -323,11 +323,11 @@ void NamedStringArray::deleteNamedStringArray(const std::string& name, unsigned 
   PThreadRobustLockGuard guard(&header.mutex);
   guard.setDestroyOnRelease();
   const unsigned active = activeSlotOf(header);
-  removeSegment(containerName(baseName, header.containerNumber[active]), "", specifications);
+  removeSegment(containerName(baseName, header.containerNumber[active]), "", implementation);
   // The container an interrupted reorganisation left, if any.
   const unsigned long leftover = header.containerNumber[active ^ 1u];
   if (leftover != 0 && leftover != header.containerNumber[active]) {
-    removeSegment(containerName(baseName, leftover), "", specifications);
+    removeSegment(containerName(baseName, leftover), "", implementation);
   }
 }
 

@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const auto specifications = SharedMemory::ImplementationSpecifications{};
+const auto implementation = SharedMemory::ImplementationSpecifications{};
 
 // Names of varying length, so that the writers also widen and narrow the rows.
 std::string writerName(int process, int index) {
@@ -87,14 +87,14 @@ TEST(NamedStringArrayProcessTest, WriterKilledWhileHoldingTheMutexLeavesAUsableD
   TestDirectory dir;
   NamedStringArray array(dir.name, 0, "");
   array.insert("before");
-  SharedMemory base = SharedMemory::find(dir.segment(""), 96, "", specifications);
+  SharedMemory base = SharedMemory::find(dir.segment(""), 96, "", implementation);
   ASSERT_TRUE(base.isAttached());
   auto* header = static_cast<NamedStringArrayBase*>(base.getPointer());
   {
     ChildProcess holder([&dir, header](ChildProcess& self) {
       PThreadRobustLockGuard guard(&header->mutex);
       // Half a row: the strings are written, the count byte is not.
-      SharedMemory container = SharedMemory::find(dir.segment("2"), 89, "", specifications);  // 10 rows of 8 bytes
+      SharedMemory container = SharedMemory::find(dir.segment("2"), 89, "", implementation);  // 10 rows of 8 bytes
       if (!container.isAttached()) return 2;
       std::memcpy(static_cast<unsigned char*>(container.getPointer()) + 8 + 8 + 1, "hw", 3);
       self.tellParent("locked");
@@ -117,7 +117,7 @@ TEST(NamedStringArrayProcessTest, HalfBuiltContainerIsRemovedByTheNextWriter) {
   TestDirectory dir;
   NamedStringArray array(dir.name, 0, "");
   array.insert("a");
-  SharedMemory base = SharedMemory::find(dir.segment(""), 96, "", specifications);
+  SharedMemory base = SharedMemory::find(dir.segment(""), 96, "", implementation);
   ASSERT_TRUE(base.isAttached());
   auto* header = static_cast<NamedStringArrayBase*>(base.getPointer());
   {
@@ -128,7 +128,7 @@ TEST(NamedStringArrayProcessTest, HalfBuiltContainerIsRemovedByTheNextWriter) {
       header->rowCount[0] = 10;
       header->containerNumber[0] = 3;
       header->rowWidth[0] = 8;
-      SharedMemory fresh = SharedMemory::createOrFind(dir.segment("3"), 89, "", specifications);
+      SharedMemory fresh = SharedMemory::createOrFind(dir.segment("3"), 89, "", implementation);
       if (!fresh.isCreator()) return 2;
       fresh.makePersistent();
       std::memcpy(static_cast<unsigned char*>(fresh.getPointer()) + 8,

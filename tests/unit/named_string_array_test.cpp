@@ -71,8 +71,8 @@ TEST(NamedStringArrayTest, FirstInsertBuildsContainerTwoHoldingTheEntry) {
 TEST(NamedStringArrayTest, FirstInsertStepByStep) {
   TestDirectory dir;
   NamedStringArray array(dir.name, 0, "");
-  const auto specifications = SharedMemory::ImplementationSpecifications{};
-  SharedMemory base = SharedMemory::createOrFind(dir.name + "v0", 96, "", specifications);
+  const auto implementation = SharedMemory::ImplementationSpecifications{};
+  SharedMemory base = SharedMemory::createOrFind(dir.name + "v0", 96, "", implementation);
   ASSERT_TRUE(base.isAttached());
   ASSERT_TRUE(base.isCreator());
   EXPECT_EQ(readBytes(dir.baseFile()), std::vector<unsigned char>(96, 0));
@@ -86,7 +86,7 @@ TEST(NamedStringArrayTest, FirstInsertStepByStep) {
 
   auto* header = static_cast<NamedStringArrayBase*>(base.getPointer());
   PThreadRobustLockGuard guard(&header->mutex);
-  SharedMemory container = SharedMemory::createOrFind(array.makeContainerName(1), 9, "", specifications);
+  SharedMemory container = SharedMemory::createOrFind(array.makeContainerName(1), 9, "", implementation);
   ASSERT_TRUE(container.isCreator());
   container.makePersistent();
   EXPECT_EQ(readBytes(dir.containerFile(1)), std::vector<unsigned char>(9, 0));

@@ -45,16 +45,16 @@ class SharedMemory {
   // Creates the segment exclusively, sized to exactly `size` zero bytes, and
   // maps it read-write. Unattached if it exists already or cannot be made.
   static SharedMemory create(const std::string& name, std::size_t size, const std::string& trustee,
-                             ImplementationSpecifications specifications);
+                             ImplementationSpecifications implementation);
 
   // Opens an existing segment and maps its first `size` bytes read-write.
   // Unattached if it is missing, refused, or smaller than `size`.
   static SharedMemory find(const std::string& name, std::size_t size, const std::string& trustee,
-                           ImplementationSpecifications specifications);
+                           ImplementationSpecifications implementation);
 
   // find(), else create(); race-free between processes (bounded retries).
   static SharedMemory createOrFind(const std::string& name, std::size_t size, const std::string& trustee,
-                                   ImplementationSpecifications specifications);
+                                   ImplementationSpecifications implementation);
 
   SharedMemory(SharedMemory&& other) noexcept;
   // Releases this handle's segment first, then takes the other's.
