@@ -58,6 +58,12 @@ class UniqueFd {
   int get() const noexcept { return fd_; }
   bool valid() const noexcept { return fd_ >= 0; }
   void reset(int fd = -1) noexcept;
+  // Gives up ownership: the descriptor is returned, not closed.
+  int release() noexcept {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
 
  private:
   int fd_ = -1;

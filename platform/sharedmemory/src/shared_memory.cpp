@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -13,6 +14,8 @@
 #include <utility>
 
 #include "diagnostic.hpp"
+#include "folder_cache.hpp"
+#include "mapping_cache.hpp"
 #include "scope.hpp"
 
 namespace agent::spf::sharedmemory {
@@ -114,9 +117,10 @@ Outcome mapSegment(int fd, std::size_t size, Opened& opened) {
   return {};
 }
 
-// Opens an existing segment and maps `size` bytes of it.
-Outcome findSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
-  UniqueFd fd(openat(folder, name.c_str(), segmentOpenFlags));
+// Opens an existing segment of at least `size` bytes and checks it.
+Outcome openSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, UniqueFd& fd,
+                    struct stat& st) {
+  fd.reset(openat(folder, name.c_str(), segmentOpenFlags));
   if (!fd.valid()) {
     const int error = errno;
     if (error == ENOENT) return {Problem::NotFound, "not found"};
@@ -124,7 +128,6 @@ Outcome findSegment(const Scope& scope, int folder, const std::string& name, std
     if (error == EISDIR || error == ENXIO || error == ENODEV) return refused("not a regular file");
     return detail::systemFailure("open", error);
   }
-  struct stat st {};
   if (fstat(fd.get(), &st) != 0) return detail::systemFailure("fstat", errno);
   Outcome checked = scope.checkSegment(st);
   if (!checked.ok()) return checked;
@@ -132,29 +135,54 @@ Outcome findSegment(const Scope& scope, int folder, const std::string& name, std
   if (static_cast<std::uintmax_t>(st.st_size) < size) {
     return {Problem::TooSmall, "size " + std::to_string(st.st_size) + " is smaller than " + std::to_string(size)};
   }
+  return {};
+}
+
+// Opens an existing segment and maps `size` bytes of it.
+Outcome findSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
+  UniqueFd fd;
+  struct stat st {};
+  Outcome found = openSegment(scope, folder, name, size, fd, st);
+  if (!found.ok()) return found;
   opened.device = st.st_dev;
   opened.inode = st.st_ino;
   return mapSegment(fd.get(), size, opened);
 }
 
-// Gives a new segment file its owner, group, mode and size, and maps it.
-Outcome setUpSegment(const Scope& scope, int fd, std::size_t size, Opened& opened) {
-  const uid_t owner = scope.groupScope ? static_cast<uid_t>(-1) : scope.owner;
-  const gid_t group = scope.groupScope ? scope.group : static_cast<gid_t>(-1);
-  if (fchown(fd, owner, group) != 0) return detail::systemFailure("fchown", errno);
-  if (fchmod(fd, scope.segmentMode) != 0) return detail::systemFailure("fchmod", errno);
+// Gives a new segment file (described by `st`) its owner, group, mode and
+// size, and maps it. Owner, group and mode are set only where they differ.
+Outcome setUpSegment(const Scope& scope, int fd, const struct stat& st, std::size_t size, Opened& opened) {
+  const bool ownerRight = scope.groupScope ? st.st_gid == scope.group : st.st_uid == scope.owner;
+  if (!ownerRight) {
+    const uid_t owner = scope.groupScope ? static_cast<uid_t>(-1) : scope.owner;
+    const gid_t group = scope.groupScope ? scope.group : static_cast<gid_t>(-1);
+    if (fchown(fd, owner, group) != 0) return detail::systemFailure("fchown", errno);
+  }
+  // A change of owner or group may clear the set-id bits; the mode is set
+  // after it.
+  if (!ownerRight || (st.st_mode & 07777) != scope.segmentMode) {
+    if (fchmod(fd, scope.segmentMode) != 0) return detail::systemFailure("fchmod", errno);
+  }
   if (ftruncate(fd, static_cast<off_t>(size)) != 0) return detail::systemFailure("ftruncate", errno);
   return mapSegment(fd, size, opened);
 }
 
+// Whether linking by descriptor (AT_EMPTY_PATH, which needs the capability
+// to search any folder) has been refused to this process; it is then not
+// tried again.
+std::atomic<bool> linkByDescriptorRefused{false};
+
 // Gives the unnamed file `fd` the name `name`; fails with EEXIST when the
-// name is taken. Linking through /proc needs no privilege; AT_EMPTY_PATH is
-// the way without /proc.
+// name is taken. Linking by descriptor is the cheaper way; linking through
+// /proc needs no privilege.
 int linkUnnamed(int fd, int folder, const std::string& name) {
+  if (!linkByDescriptorRefused.load(std::memory_order_relaxed)) {
+    if (linkat(fd, "", folder, name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (errno != ENOENT && errno != EPERM) return errno;
+    linkByDescriptorRefused.store(true, std::memory_order_relaxed);
+  }
   const std::string path = "/proc/self/fd/" + std::to_string(fd);
-  if (linkat(AT_FDCWD, path.c_str(), folder, name.c_str(), AT_SYMLINK_FOLLOW) == 0) return 0;
-  if (errno != ENOENT) return errno;
-  return linkat(fd, "", folder, name.c_str(), AT_EMPTY_PATH) == 0 ? 0 : errno;
+  return linkat(AT_FDCWD, path.c_str(), folder, name.c_str(), AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
 }
 
 // Creates the segment exclusively and atomically: the file is made without
@@ -166,7 +194,7 @@ Outcome createUnnamedThenLink(const Scope& scope, int tmpFd, int folder, const s
   UniqueFd fd(tmpFd);
   struct stat st {};
   if (fstat(fd.get(), &st) != 0) return detail::systemFailure("fstat", errno);
-  Outcome setUp = setUpSegment(scope, fd.get(), size, opened);
+  Outcome setUp = setUpSegment(scope, fd.get(), st, size, opened);
   if (!setUp.ok()) return setUp;
   const int error = linkUnnamed(fd.get(), folder, name);
   if (error != 0) {
@@ -187,7 +215,9 @@ Outcome createUnnamedThenLink(const Scope& scope, int tmpFd, int folder, const s
 // are set, and sized last, so a reader that sees the full size sees a
 // finished segment.
 Outcome createSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
-  const int tmpFd = openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode_t{0});
+  // Nobody can open the file before it is linked, so it may be made with
+  // its final mode at once (less what the umask removes).
+  const int tmpFd = openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, scope.segmentMode);
   if (tmpFd >= 0) return createUnnamedThenLink(scope, tmpFd, folder, name, size, opened);
   if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return detail::systemFailure("open", errno);
 
@@ -202,7 +232,7 @@ Outcome createSegment(const Scope& scope, int folder, const std::string& name, s
     // Without the identity of the file its name cannot be removed safely.
     return detail::systemFailure("fstat", errno);
   }
-  Outcome setUp = setUpSegment(scope, fd.get(), size, opened);
+  Outcome setUp = setUpSegment(scope, fd.get(), st, size, opened);
   if (!setUp.ok()) {
     detail::removeIfSame(folder, name, st.st_dev, st.st_ino);
     return setUp;
@@ -269,21 +299,33 @@ SharedMemory SharedMemory::attach(OpenMode mode, const std::string& name, std::s
       return handle;
     }
     outcome = checkArguments(name, size);
-    UniqueFd folder;
-    if (outcome.ok()) outcome = detail::openScopeFolder(scope, mode != OpenMode::Find, folder);
+    if (!outcome.ok()) {
+      logFailure(operation, scope, true, name, trustee, outcome);
+      return handle;
+    }
+    // The handle's names are set before it owns a mapping, so that a failure
+    // to copy them leaves nothing behind.
+    handle.name_ = name;
+    handle.trustee_ = trustee;
+    handle.scopePath_ = scope.path;
+    detail::CachedMapping kept;
+    if (mode != OpenMode::Create && detail::reuseMapping(scope, name, size, kept)) {
+      handle.address_ = kept.address;
+      handle.size_ = size;
+      handle.device_ = kept.device;
+      handle.inode_ = kept.inode;
+      return handle;
+    }
+    detail::SharedFolder folder;
+    outcome = detail::shareScopeFolder(scope, mode != OpenMode::Find, folder);
     Opened opened;
     if (outcome.ok()) {
-      // The handle's names are set before it owns the mapping, so that a
-      // failure to copy them leaves nothing behind.
-      handle.name_ = name;
-      handle.trustee_ = trustee;
-      handle.scopePath_ = scope.path;
       if (mode == OpenMode::Create) {
-        outcome = createSegment(scope, folder.get(), name, size, opened);
+        outcome = createSegment(scope, folder->get(), name, size, opened);
       } else if (mode == OpenMode::Find) {
-        outcome = findSegment(scope, folder.get(), name, size, opened);
+        outcome = findSegment(scope, folder->get(), name, size, opened);
       } else {
-        outcome = createOrFindSegment(scope, folder.get(), name, size, opened);
+        outcome = createOrFindSegment(scope, folder->get(), name, size, opened);
       }
     }
     if (!outcome.ok()) {
@@ -296,6 +338,11 @@ SharedMemory SharedMemory::attach(OpenMode mode, const std::string& name, std::s
     handle.creatorPid_ = opened.created ? getpid() : 0;
     handle.device_ = opened.device;
     handle.inode_ = opened.inode;
+    // Found segments are opened again and again (a directory by each of its
+    // operations); created ones are mostly a publisher's own, opened once.
+    if (mode != OpenMode::Create) {
+      detail::adoptMapping(scope, name, size, detail::CachedMapping{opened.address, opened.device, opened.inode});
+    }
   } catch (...) {
     // Only memory for texts can run out here, before anything is mapped.
     return SharedMemory();
@@ -343,13 +390,16 @@ void SharedMemory::makePersistent() noexcept {
 
 void SharedMemory::markForDeletion() noexcept {
   if (!isAttached()) return;
+  detail::forgetMapping(address_);
   removeName("markForDeletion");
   keepName_ = true;
 }
 
 void SharedMemory::release() noexcept {
   if (address_ != nullptr) {
-    if (munmap(address_, size_) != 0) {
+    const bool removesName = creator_ && !keepName_ && creatorPid_ == getpid();
+    if (removesName) detail::forgetMapping(address_);
+    if (!detail::releaseMapping(address_) && munmap(address_, size_) != 0) {
       const int error = errno;
       try {
         logHandleFailure("release", scopePath_, name_, detail::systemFailure("munmap", error));
@@ -357,7 +407,7 @@ void SharedMemory::release() noexcept {
         // No memory for the text; the line is dropped.
       }
     }
-    if (creator_ && !keepName_ && creatorPid_ == getpid()) removeName("release");
+    if (removesName) removeName("release");
   }
   address_ = nullptr;
   size_ = 0;
@@ -384,6 +434,61 @@ void SharedMemory::removeName(const char* operation) noexcept {
   } catch (...) {
     // Only the text of a failure can run out of memory; the line is dropped.
   }
+}
+
+SegmentReader SegmentReader::open(const std::string& name, std::size_t size, const std::string& trustee,
+                                  SharedMemory::ImplementationSpecifications) {
+  const char* operation = "find";
+  try {
+    Scope scope;
+    Outcome outcome = detail::resolveScope(trustee, scope);
+    if (!outcome.ok()) {
+      logFailure(operation, scope, false, name, trustee, outcome);
+      return SegmentReader();
+    }
+    outcome = checkArguments(name, size);
+    detail::SharedFolder folder;
+    if (outcome.ok()) outcome = detail::shareScopeFolder(scope, false, folder);
+    UniqueFd fd;
+    struct stat st {};
+    if (outcome.ok()) outcome = openSegment(scope, folder->get(), name, size, fd, st);
+    if (!outcome.ok()) {
+      logFailure(operation, scope, true, name, trustee, outcome);
+      return SegmentReader();
+    }
+    return SegmentReader(fd.release());
+  } catch (...) {
+    // Only memory for texts can run out here.
+    return SegmentReader();
+  }
+}
+
+SegmentReader::SegmentReader(SegmentReader&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+SegmentReader& SegmentReader::operator=(SegmentReader&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+SegmentReader::~SegmentReader() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool SegmentReader::read(std::size_t offset, void* buffer, std::size_t length) const noexcept {
+  if (fd_ < 0 || offset > static_cast<std::size_t>(PTRDIFF_MAX)) return false;
+  auto* out = static_cast<char*>(buffer);
+  while (length > 0) {
+    const ssize_t got = pread(fd_, out, length, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    out += got;
+    offset += static_cast<std::size_t>(got);
+    length -= static_cast<std::size_t>(got);
+  }
+  return true;
 }
 
 }  // namespace agent::spf::sharedmemory

@@ -21,7 +21,12 @@
 // the segment and, if this handle created it and neither makePersistent()
 // nor markForDeletion() was called, removes its name. A copy inherited by a
 // forked child never removes the name on release: the segment belongs to the
-// parent. No file descriptor is kept open while a segment is mapped.
+// parent. No file descriptor is kept open while a segment is mapped; the
+// scope folders in use are kept open (one close-on-exec descriptor each).
+// A released mapping of a found segment may be kept (at most 16 such, for at
+// most 2 s) and reused by a later find of the same segment, after one stat
+// shows that its name still names it; a segment this process removes is
+// never kept.
 //
 // Thread safety: distinct handles may be used from any threads; one handle
 // must not be used from two threads at once.
@@ -98,6 +103,37 @@ class SharedMemory {
   std::string name_;
   std::string trustee_;
   std::string scopePath_;
+};
+
+// An existing segment opened for reading with read calls instead of a
+// mapping: a reader that looks at a segment once and briefly saves the map,
+// the unmap (which, in a process with other running threads, interrupts
+// their cores) and the page fault. It sees the bytes as they are at each
+// read; nothing is kept between reads. Move-only; closed on destruction.
+class SegmentReader {
+ public:
+  SegmentReader() noexcept = default;
+
+  // Opens the segment as SharedMemory::find() would and checks it the same
+  // way (at least `size` bytes); unopened, and logged exactly as find() logs,
+  // wherever find() would return an unattached handle.
+  static SegmentReader open(const std::string& name, std::size_t size, const std::string& trustee,
+                            SharedMemory::ImplementationSpecifications implementation);
+
+  SegmentReader(SegmentReader&& other) noexcept;
+  SegmentReader& operator=(SegmentReader&& other) noexcept;
+  SegmentReader(const SegmentReader&) = delete;
+  SegmentReader& operator=(const SegmentReader&) = delete;
+  ~SegmentReader();
+
+  bool isOpen() const noexcept { return fd_ >= 0; }
+  // Copies `length` bytes from `offset` into `buffer`; false when fewer were
+  // there (the segment shrank) or the read failed. Never throws.
+  bool read(std::size_t offset, void* buffer, std::size_t length) const noexcept;
+
+ private:
+  explicit SegmentReader(int fd) noexcept : fd_(fd) {}
+  int fd_ = -1;
 };
 
 // The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
