@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <stdexcept>
@@ -121,6 +122,17 @@ bool PThreadRobustLockGuard::isHeldByLiveThreadOf(const pthread_mutex_t* mutex, 
   if (owner == 0) return true;  // nothing to judge by: trust the lock
   if (syscall(SYS_tgkill, process, owner, 0) == 0) return true;
   return errno != ESRCH;  // EPERM: the thread exists, owned by another user
+}
+
+bool PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process) {
+  constexpr unsigned threadIdMask = 0x3fffffff;
+  constexpr unsigned ownerDied = 0x40000000;
+  if (!hasPlainKind(&copy)) return false;
+  unsigned word = 0;
+  std::memcpy(&word, &copy, sizeof word);
+  const pid_t owner = static_cast<pid_t>(word & threadIdMask);
+  if (owner == 0 || (word & ownerDied) != 0 || owner == gettid()) return false;
+  return syscall(SYS_tgkill, process, owner, 0) == 0 || errno == EPERM;
 }
 
 namespace {

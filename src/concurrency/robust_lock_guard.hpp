@@ -41,6 +41,13 @@ class PThreadRobustLockGuard {
   // stay locked by a thread that no longer exists.
   static bool isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process);
 
+  // Judges a copy of a mutex's bytes, read without mapping the mutex: true
+  // when the copy shows a mutex of a plain kind held, without the owner-died
+  // mark, by a thread other than the calling one that exists in `process`.
+  // Probing the mutex itself would then have answered EBUSY, and
+  // isHeldByLiveThreadOf true. False means that the copy cannot tell.
+  static bool copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process);
+
   // Returns with the mutex locked by the work thread; repairs an owner-dead
   // mutex silently. Throws std::runtime_error on a null mutex or a lock error
   // (error 22, EINVAL, for a mutex of a kind getMutexState() does not touch).

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 
 #include "diagnostics/diagnostics.hpp"
@@ -14,6 +15,7 @@
 namespace agent::spf::endpointregistry {
 namespace {
 
+using agent::spf::sharedmemory::SegmentReader;
 using agent::spf::sharedmemory::SharedMemory;
 
 constexpr SharedMemory::ImplementationSpecifications defaultSpecification{};
@@ -131,19 +133,56 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
       "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");
 }
 
-Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
-  if (recordFormat(name) != 0) return {};
-  const unsigned long pid = recordPid(name);
-  SharedMemory segment = findSharedMemory(name, trustee);
-  if (!segment.isAttached()) {
-    // A reader that reclaimed the record and died before erasing its name
-    // left the name without a segment; once the publisher is gone as well,
-    // nothing else would ever erase it.
-    if (getpgid(static_cast<pid_t>(pid)) == -1) eraseDirectoryName(name, trustee);
-    return {};
-  }
+namespace {
 
-  switch (getState(segment, pid)) {
+// True when a copy of a record's header shows it live: flag set, liveness
+// mutex held by a live thread of the publisher.
+bool headerShowsLive(const RecordHeader& header, unsigned long pid) {
+  return header.livenessFlag != 0 &&
+         PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(header.livenessMutex, static_cast<pid_t>(pid));
+}
+
+// Reads a record without mapping it, which costs a reader less than a
+// mapping would. Answers only for a record that is plainly live before its
+// data is copied and still after (the same owner holding the mutex); any
+// other record is left to the mapped path, which probes the mutex itself and
+// clears stale records away.
+std::optional<Endpoint::Impl::DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength,
+                                                       unsigned long pid) {
+  RecordHeader header;
+  if (!reader.read(0, &header, sizeof header)) return std::nullopt;
+  ER_TEST_HOOK("record.probing");
+  if (!headerShowsLive(header, pid) || header.firstLength > dataLength) return std::nullopt;
+  std::string joined(dataLength, '\0');
+  if (!reader.read(recordDataOffset, joined.data(), dataLength)) return std::nullopt;
+  RecordHeader after;
+  if (!reader.read(0, &after, sizeof after) || std::memcmp(&after, &header, sizeof header) != 0) return std::nullopt;
+  std::string second = joined.substr(header.firstLength);
+  joined.resize(header.firstLength);
+  return Endpoint::Impl::DataPair{std::move(joined), std::move(second)};
+}
+
+// Opens a record for reading without mapping it, as findSharedMemory finds
+// it (unopened, and not logged, for a length that no segment could have).
+SegmentReader openRecordReader(const std::string& name, const std::string& trustee) {
+  const unsigned long dataLength = recordDataLength(name);
+  if (dataLength > std::numeric_limits<std::size_t>::max() - recordSegmentSize(0)) return SegmentReader();
+  return SegmentReader::open(name, recordSegmentSize(dataLength), trustee, defaultSpecification);
+}
+
+// No segment behind the name. A reader that reclaimed the record and died
+// before erasing its name left the name without a segment; once the
+// publisher is gone as well, nothing else would ever erase it.
+Endpoint::Impl::DataPair absentRecord(const std::string& name, const std::string& trustee, unsigned long pid) {
+  if (getpgid(static_cast<pid_t>(pid)) == -1) eraseDirectoryName(name, trustee);
+  return {};
+}
+
+// The mapped path: probes the record's mutex itself, reads a live record,
+// clears a stale one away.
+Endpoint::Impl::DataPair readMappedRecord(SharedMemory& segment, const std::string& name, const std::string& trustee,
+                                          unsigned long pid) {
+  switch (Endpoint::Impl::getState(segment, pid)) {
     case Stale:
       // Only the reader whose exchange saw the flag set destroys the mutex.
       if (livenessFlagOf(segment).exchange(0) != 0) pthread_mutex_destroy(&headerOf(segment).livenessMutex);
@@ -157,12 +196,27 @@ Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, co
       std::string second = joined.substr(firstLength);
       std::string first = joined.substr(0, firstLength);
       // A copy taken while the publisher tore the record down is dropped.
-      if (getState(segment, pid) != Live) return {};
+      if (Endpoint::Impl::getState(segment, pid) != Live) return {};
       return {std::move(first), std::move(second)};
     }
     default:
       return {};
   }
+}
+
+}  // namespace
+
+Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
+  if (recordFormat(name) != 0) return {};
+  const unsigned long pid = recordPid(name);
+  {
+    const SegmentReader reader = openRecordReader(name, trustee);
+    if (!reader.isOpen()) return absentRecord(name, trustee, pid);
+    if (auto live = readLiveRecord(reader, recordDataLength(name), pid)) return std::move(*live);
+  }
+  SharedMemory segment = findSharedMemory(name, trustee);
+  if (!segment.isAttached()) return absentRecord(name, trustee, pid);
+  return readMappedRecord(segment, name, trustee, pid);
 }
 
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag, const std::string& trustee) {
@@ -172,8 +226,18 @@ std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag
 std::size_t Endpoint::Impl::countSynonymEndpoints(const DataPair& data, const std::string& groupTag) {
   std::size_t count = 0;
   for (const std::string& name : listDirectoryNames(synonymPrefix(data, groupTag), "")) {
+    const unsigned long pid = recordPid(name);
+    {
+      const SegmentReader reader = openRecordReader(name, "");
+      if (!reader.isOpen()) continue;
+      RecordHeader header;
+      if (reader.read(0, &header, sizeof header) && headerShowsLive(header, pid)) {
+        ++count;
+        continue;
+      }
+    }
     SharedMemory segment = findSharedMemory(name, "");
-    if (segment.isAttached() && getState(segment, recordPid(name)) != Stale) ++count;
+    if (segment.isAttached() && getState(segment, pid) != Stale) ++count;
   }
   return count;
 }

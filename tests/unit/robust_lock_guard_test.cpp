@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -311,4 +312,74 @@ TEST(RobustLockGuardTest, ProbeOfAFreeMutexLeavesItFree) {
   EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), 0);
   EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), 0);
   EXPECT_EQ(stateInChild(mutex.get()), std::optional<int>(0));
+}
+
+namespace {
+
+// A copy of a mutex's bytes, as a reader that does not map the mutex sees it.
+pthread_mutex_t copyOf(const pthread_mutex_t* mutex) {
+  pthread_mutex_t copy;
+  std::memcpy(&copy, mutex, sizeof copy);
+  return copy;
+}
+
+}  // namespace
+
+TEST(RobustLockGuardTest, CopyShowsAMutexHeldByALiveThreadOfTheProcess) {
+  SharedMutex mutex;
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copyOf(mutex.get()), getpid()));  // free
+  PThreadRobustLockGuard guard(mutex.get());
+  const pthread_mutex_t held = copyOf(mutex.get());
+  EXPECT_TRUE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getpid()));
+  // The work thread is no thread of another process.
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getppid()));
+  // Nor does the copy count as held for the very thread that holds it.
+  int seenByHolder = -1;
+  auto onWorkThread = WorkThreadGuard::executeAndSet(
+      [&held] { return PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getpid()) ? 1 : 0; }, seenByHolder);
+  EXPECT_EQ(seenByHolder, 0);
+}
+
+TEST(RobustLockGuardTest, CopyOfAnOwnerDeadOrOddMutexCannotTell) {
+  SharedMutex mutex;
+  PThreadRobustLockGuard guard(mutex.get());
+  pthread_mutex_t copy = copyOf(mutex.get());
+  unsigned word = 0;
+  std::memcpy(&word, &copy, sizeof word);
+  pthread_mutex_t ownerDied = copy;
+  const unsigned marked = word | 0x40000000u;
+  std::memcpy(&ownerDied, &marked, sizeof marked);
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(ownerDied, getpid()));
+  pthread_mutex_t oddKind = copy;
+  oddKind.__data.__kind = 0x7ff;
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(oddKind, getpid()));
+  // A thread id that belongs to no thread of this process.
+  pthread_mutex_t goneOwner = copy;
+  const unsigned gone = 0x3ffffffeu;
+  std::memcpy(&goneOwner, &gone, sizeof gone);
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(goneOwner, getpid()));
+}
+
+TEST(RobustLockGuardTest, CopyOfAMutexWhoseHolderWasKilledCannotTell) {
+  SharedMutex mutex;
+  pthread_mutex_t copy;
+  pid_t holder = 0;
+  {
+    er::test::ChildProcess child([&mutex](er::test::ChildProcess& self) {
+      PThreadRobustLockGuard guard(mutex.get());
+      self.tellParent("locked");
+      self.readFromParent(60s);
+      return 0;
+    });
+    ASSERT_EQ(child.readFromChild(30s), std::optional<std::string>("locked"));
+    holder = child.pid();
+    copy = copyOf(mutex.get());
+    EXPECT_TRUE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copy, holder));
+    child.kill(SIGKILL);
+    ASSERT_EQ(child.wait(30s), std::optional<int>(128 + SIGKILL));
+  }
+  // The copy taken while it lived names a thread that is gone.
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copy, holder));
+  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copyOf(mutex.get()), holder));
+  EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), EOWNERDEAD);
 }
