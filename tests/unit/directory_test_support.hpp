@@ -23,10 +23,14 @@ using SharedMemory = agent::spf::sharedmemory::SharedMemory;
 using Entry = NamedStringArray::Entry;
 
 // A directory of the user's scope under a name no other test uses; every
-// segment whose name begins with it is removed when the object goes.
+// segment whose name begins with it is removed when the object goes, and
+// before it is used (a run that was killed may have left segments of a
+// process that had the same pid).
 struct TestDirectory {
   explicit TestDirectory(const std::string& stem = "erTestDir")
-      : name(uniqueName(stem)), cleanup(userScope(), {name + "v"}) {}
+      : name(uniqueName(stem)), cleanup(userScope(), {name + "v"}) {
+    ShmCleanup leftovers(userScope(), {name + "v"});
+  }
 
   std::string baseFile() const { return userScope() + "/" + name + "v0"; }
   std::string containerFile(unsigned long number) const {
