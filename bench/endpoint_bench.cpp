@@ -3,7 +3,9 @@
 //
 // - publish+withdraw of one endpoint (new data each time): alone in the
 //   process (each cycle starts and joins the work thread), beside one other
-//   endpoint of the process, and beside N of them (the curve of publication
+//   endpoint of the process (with a record name as long as the cycle's, and
+//   with a shorter one, which makes each cycle widen and narrow the
+//   directory), and beside N of them (the curve of publication
 //   cost against directory size, with the directory work one publication
 //   does at that size timed alongside);
 // - listing and filtering with N live endpoints, published by this process
@@ -11,6 +13,7 @@
 //   for a lister that holds no endpoint, the listing with the work thread
 //   kept alive).
 #include <benchmark/benchmark.h>
+#include <cstdio>
 #include <memory>
 #include <set>
 #include <string>
@@ -71,11 +74,18 @@ Population& population() {
   return thePopulation;
 }
 
+// New data for each cycle, all of one length ("cycle00000042").
+std::string cycleData(long serial) {
+  char text[32];
+  std::snprintf(text, sizeof text, "cycle%08ld", serial % 100000000);
+  return text;
+}
+
 // Publishes and withdraws one endpoint per iteration, new data each time.
 void publishWithdraw(benchmark::State& state, Samples& samples, const std::string& tag) {
   static long serial = 0;
   for (auto _ : state) {
-    const std::string first = "cycle" + std::to_string(serial++);
+    const std::string first = cycleData(serial++);
     samples.time(state, [&] {
       Endpoint endpoint = Endpoint::publish(first, "4711", tag);
       benchmark::DoNotOptimize(endpoint);
@@ -89,9 +99,22 @@ void publishAlone(benchmark::State& state) {
   samples.report(state);
 }
 
+// Beside another endpoint whose record name is as long as the cycle's: the
+// directory keeps its row width.
 void publishBeside(benchmark::State& state) {
   const std::string tag = erbench::uniqueName("erBenchBeside");
-  Endpoint other = Endpoint::publish("beside", "1", tag);
+  Endpoint other = Endpoint::publish("cycle-beside", "4711", tag);
+  Samples samples;
+  publishWithdraw(state, samples, tag);
+  samples.report(state);
+}
+
+// Beside another endpoint whose record name is shorter than the cycle's: each
+// publication widens the directory's rows (a new container) and each
+// withdrawal narrows them again (another one).
+void publishWidening(benchmark::State& state) {
+  const std::string tag = erbench::uniqueName("erBenchWiden");
+  Endpoint other = Endpoint::publish("short", "1", tag);
   Samples samples;
   publishWithdraw(state, samples, tag);
   samples.report(state);
@@ -240,6 +263,7 @@ void filterFour(benchmark::State& state, long n) {
 void registerFigures(const Plan& plan) {
   erbench::figure("publish+withdraw/alone", publishAlone, plan.iterations(400));
   erbench::figure("publish+withdraw/beside", publishBeside, plan.iterations(1000));
+  erbench::figure("publish+withdraw/widening", publishWidening, plan.iterations(400));
   for (long n : plan.sizes()) {
     const std::string size = std::to_string(n);
     erbench::figure(

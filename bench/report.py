@@ -68,6 +68,7 @@ def rows():
     table = [
         ("publish+withdraw, beside another endpoint", "publish+withdraw/beside", const(CREATE), BUS_CYCLE),
         ("publish+withdraw, alone (thread start+join)", "publish+withdraw/alone", const(CREATE), BUS_CYCLE),
+        ("publish+withdraw, widening the directory", "publish+withdraw/widening", const(CREATE), BUS_CYCLE),
         ("publish+withdraw with 2 trustees", "publish+withdraw/2 trustees", const(CREATE, 3), BUS_CYCLE),
     ]
     dir_floor = lambda figures, entry: (median(figures, CREATE) or 0) + entry.get("dir_median_ns", 0)
