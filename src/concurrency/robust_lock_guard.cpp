@@ -124,15 +124,27 @@ bool PThreadRobustLockGuard::isHeldByLiveThreadOf(const pthread_mutex_t* mutex, 
   return errno != ESRCH;  // EPERM: the thread exists, owned by another user
 }
 
-bool PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process) {
+pid_t PThreadRobustLockGuard::holderInCopy(const pthread_mutex_t& copy) {
   constexpr unsigned threadIdMask = 0x3fffffff;
   constexpr unsigned ownerDied = 0x40000000;
-  if (!hasPlainKind(&copy)) return false;
+  if (!hasPlainKind(&copy)) return 0;
   unsigned word = 0;
   std::memcpy(&word, &copy, sizeof word);
   const pid_t owner = static_cast<pid_t>(word & threadIdMask);
-  if (owner == 0 || (word & ownerDied) != 0 || owner == gettid()) return false;
-  return syscall(SYS_tgkill, process, owner, 0) == 0 || errno == EPERM;
+  // The calling thread's id, asked of the system once per thread.
+  static thread_local const pid_t caller = gettid();
+  if ((word & ownerDied) != 0 || owner == caller) return 0;
+  return owner;
+}
+
+bool PThreadRobustLockGuard::threadExists(pid_t process, pid_t thread) {
+  // EPERM: the thread exists, owned by another user.
+  return syscall(SYS_tgkill, process, thread, 0) == 0 || errno == EPERM;
+}
+
+bool PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process) {
+  const pid_t holder = holderInCopy(copy);
+  return holder != 0 && threadExists(process, holder);
 }
 
 namespace {

@@ -47,6 +47,12 @@ class PThreadRobustLockGuard {
   // Probing the mutex itself would then have answered EBUSY, and
   // isHeldByLiveThreadOf true. False means that the copy cannot tell.
   static bool copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process);
+  // The first half of the judgement above: the thread that the copy shows
+  // holding the mutex (plain kind, no owner-died mark, not the calling
+  // thread), or 0. threadExists() is the second half.
+  static pid_t holderInCopy(const pthread_mutex_t& copy);
+  // True when thread `thread` exists in `process`.
+  static bool threadExists(pid_t process, pid_t thread);
 
   // Returns with the mutex locked by the work thread; repairs an owner-dead
   // mutex silently. Throws std::runtime_error on a null mutex or a lock error

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 namespace agent::spf::endpointregistry {
@@ -77,6 +78,20 @@ std::string recordName(const std::pair<std::string, std::string>& dataPair, cons
 unsigned long numberAfterLast(const std::string& name, char marker) {
   const std::size_t last = name.rfind(marker);
   const std::size_t start = last == std::string::npos ? 0 : last + 1;
+  // The usual case, digits right after the marker, is read here as the
+  // stream would read it (up to the first non-digit; the largest value on
+  // overflow). Every other text takes the stream itself.
+  if (start < name.size() && name[start] >= '0' && name[start] <= '9') {
+    unsigned long value = 0;
+    for (std::size_t i = start; i < name.size() && name[i] >= '0' && name[i] <= '9'; ++i) {
+      const auto digit = static_cast<unsigned long>(name[i] - '0');
+      if (value > (std::numeric_limits<unsigned long>::max() - digit) / 10) {
+        return std::numeric_limits<unsigned long>::max();
+      }
+      value = value * 10 + digit;
+    }
+    return value;
+  }
   std::istringstream stream(name.substr(start));
   unsigned long value = 0;
   stream >> value;

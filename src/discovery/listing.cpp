@@ -28,14 +28,14 @@ namespace {
 // segment that cannot be judged is skipped. Costs one pass over the scope
 // folder; normally no segment is left to open.
 void sweepUnlistedRecords(const std::string& groupTag, const std::string& trustee,
-                          const std::vector<std::string>& listed) {
+                          const std::vector<std::string>& listed, RecordReadSession& session) {
   const std::vector<std::string> segments = agent::spf::sharedmemory::listSegmentNames(trustee, groupPrefix(groupTag));
   if (segments.empty()) return;
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
   for (const std::string& name : segments) {
     if (named.count(name) != 0) continue;
     try {
-      (void)Endpoint::Impl::getDataPair(name, trustee);
+      (void)Endpoint::Impl::getDataPair(name, trustee, session);
     } catch (const std::exception&) {
       // Left for the next listing; this one's result does not depend on it.
     }
@@ -50,12 +50,13 @@ DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> tr
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {
     const std::vector<std::string> names = Impl::filterNames(groupTag, trustee);
+    RecordReadSession session(trustee);
     for (const std::string& name : names) {
-      auto pair = Impl::getDataPair(name, trustee);
+      auto pair = Impl::getDataPair(name, trustee, session);
       if (pair.first.empty() && pair.second.empty()) continue;
       pairs.insert(std::move(pair));
     }
-    sweepUnlistedRecords(groupTag, trustee, names);
+    sweepUnlistedRecords(groupTag, trustee, names, session);
   }
   DataPairs result;
   result.reserve(pairs.size());

@@ -137,37 +137,40 @@ namespace {
 
 // True when a copy of a record's header shows it live: flag set, liveness
 // mutex held by a live thread of the publisher.
-bool headerShowsLive(const RecordHeader& header, unsigned long pid) {
-  return header.livenessFlag != 0 &&
-         PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(header.livenessMutex, static_cast<pid_t>(pid));
+bool headerShowsLive(const RecordHeader& header, unsigned long pid, RecordReadSession& session) {
+  if (header.livenessFlag == 0) return false;
+  const pid_t holder = PThreadRobustLockGuard::holderInCopy(header.livenessMutex);
+  return holder != 0 && session.threadAlive(static_cast<pid_t>(pid), holder);
 }
 
 // Reads a record without mapping it, which costs a reader less than a
-// mapping would. Answers only for a record that is plainly live before its
-// data is copied and still after (the same owner holding the mutex); any
-// other record is left to the mapped path, which probes the mutex itself and
-// clears stale records away.
+// mapping would. Answers only for a record that is plainly live when its
+// header is read and still when header and data are read again (the same
+// owner holding the mutex); the data is read only after the flag was seen
+// set. Any other record is left to the mapped path, which probes the mutex
+// itself and clears stale records away.
 std::optional<Endpoint::Impl::DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength,
-                                                       unsigned long pid) {
+                                                       unsigned long pid, RecordReadSession& session) {
   RecordHeader header;
   if (!reader.read(0, &header, sizeof header)) return std::nullopt;
   ER_TEST_HOOK("record.probing");
-  if (!headerShowsLive(header, pid) || header.firstLength > dataLength) return std::nullopt;
-  std::string joined(dataLength, '\0');
-  if (!reader.read(recordDataOffset, joined.data(), dataLength)) return std::nullopt;
-  RecordHeader after;
-  if (!reader.read(0, &after, sizeof after) || std::memcmp(&after, &header, sizeof header) != 0) return std::nullopt;
-  std::string second = joined.substr(header.firstLength);
-  joined.resize(header.firstLength);
-  return Endpoint::Impl::DataPair{std::move(joined), std::move(second)};
+  if (!headerShowsLive(header, pid, session) || header.firstLength > dataLength) return std::nullopt;
+  std::string bytes(recordDataOffset + dataLength, '\0');
+  if (!reader.read(0, bytes.data(), bytes.size()) || std::memcmp(bytes.data(), &header, sizeof header) != 0) {
+    return std::nullopt;
+  }
+  std::string second = bytes.substr(recordDataOffset + header.firstLength);
+  bytes.resize(recordDataOffset + header.firstLength);
+  bytes.erase(0, recordDataOffset);
+  return Endpoint::Impl::DataPair{std::move(bytes), std::move(second)};
 }
 
 // Opens a record for reading without mapping it, as findSharedMemory finds
 // it (unopened, and not logged, for a length that no segment could have).
-SegmentReader openRecordReader(const std::string& name, const std::string& trustee) {
+SegmentReader openRecordReader(const std::string& name, const std::string& trustee, const RecordReadSession& session) {
   const unsigned long dataLength = recordDataLength(name);
   if (dataLength > std::numeric_limits<std::size_t>::max() - recordSegmentSize(0)) return SegmentReader();
-  return SegmentReader::open(name, recordSegmentSize(dataLength), trustee, defaultSpecification);
+  return SegmentReader::open(session.scopeFolder(), name, recordSegmentSize(dataLength), trustee, defaultSpecification);
 }
 
 // No segment behind the name. A reader that reclaimed the record and died
@@ -206,13 +209,31 @@ Endpoint::Impl::DataPair readMappedRecord(SharedMemory& segment, const std::stri
 
 }  // namespace
 
+RecordReadSession::RecordReadSession(const std::string& trustee)
+    : folder(agent::spf::sharedmemory::ScopeFolder::open(trustee)), remembers(true) {}
+
+bool RecordReadSession::threadAlive(pid_t process, pid_t thread) {
+  const std::uint64_t key =
+      static_cast<std::uint64_t>(static_cast<std::uint32_t>(process)) << 32 | static_cast<std::uint32_t>(thread);
+  if (remembers && aliveThreads.count(key) != 0) return true;
+  if (!PThreadRobustLockGuard::threadExists(process, thread)) return false;
+  if (remembers) aliveThreads.insert(key);
+  return true;
+}
+
 Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
+  RecordReadSession once;
+  return getDataPair(name, trustee, once);
+}
+
+Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee,
+                                                     RecordReadSession& session) {
   if (recordFormat(name) != 0) return {};
   const unsigned long pid = recordPid(name);
   {
-    const SegmentReader reader = openRecordReader(name, trustee);
+    const SegmentReader reader = openRecordReader(name, trustee, session);
     if (!reader.isOpen()) return absentRecord(name, trustee, pid);
-    if (auto live = readLiveRecord(reader, recordDataLength(name), pid)) return std::move(*live);
+    if (auto live = readLiveRecord(reader, recordDataLength(name), pid, session)) return std::move(*live);
   }
   SharedMemory segment = findSharedMemory(name, trustee);
   if (!segment.isAttached()) return absentRecord(name, trustee, pid);
@@ -228,10 +249,11 @@ std::size_t Endpoint::Impl::countSynonymEndpoints(const DataPair& data, const st
   for (const std::string& name : listDirectoryNames(synonymPrefix(data, groupTag), "")) {
     const unsigned long pid = recordPid(name);
     {
-      const SegmentReader reader = openRecordReader(name, "");
+      RecordReadSession once;
+      const SegmentReader reader = openRecordReader(name, "", once);
       if (!reader.isOpen()) continue;
       RecordHeader header;
-      if (reader.read(0, &header, sizeof header) && headerShowsLive(header, pid)) {
+      if (reader.read(0, &header, sizeof header) && headerShowsLive(header, pid, once)) {
         ++count;
         continue;
       }

@@ -15,9 +15,11 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -51,6 +53,26 @@ enum RecordState : unsigned {
   Live = 2,       // the liveness mutex is held
 };
 
+// What a listing learns once and uses for every record it reads in one
+// trustee's directory: the trustee's scope folder, opened and checked once,
+// and the publishers' threads already found alive (records of one publisher
+// share the thread that holds their mutexes).
+class RecordReadSession {
+ public:
+  // Reads records one at a time, learning nothing across them.
+  RecordReadSession() = default;
+  explicit RecordReadSession(const std::string& trustee);
+
+  const agent::spf::sharedmemory::ScopeFolder& scopeFolder() const { return folder; }
+  // True when `thread` exists in `process`; asks the system once per session.
+  bool threadAlive(pid_t process, pid_t thread);
+
+ private:
+  agent::spf::sharedmemory::ScopeFolder folder;
+  bool remembers = false;
+  std::unordered_set<std::uint64_t> aliveThreads;  // process << 32 | thread
+};
+
 class Endpoint::Impl {
  public:
   using SharedMemory = agent::spf::sharedmemory::SharedMemory;
@@ -78,6 +100,8 @@ class Endpoint::Impl {
   static RecordState getState(SharedMemory& segment, unsigned long pid);
   // The data pair of a live record, else two empty strings; reclaims a stale one.
   static DataPair getDataPair(const std::string& name, const std::string& trustee);
+  // The same, for one record of a listing's session.
+  static DataPair getDataPair(const std::string& name, const std::string& trustee, RecordReadSession& session);
   static std::vector<std::string> filterNames(const std::string& groupTag, const std::string& trustee);
   static std::size_t countSynonymEndpoints(const DataPair& data, const std::string& groupTag);
 

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdio>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -148,4 +149,32 @@ TEST(SegmentNamesTest, NumberAfterLastOverflowGivesTheLargestValue) {
 TEST(SegmentNamesTest, NumberAfterLastSkipsLeadingWhiteSpace) {
   EXPECT_EQ(er::numberAfterLast("p  \t42x", 'p'), 42u);
   EXPECT_EQ(er::numberAfterLast(" 7", 'v'), 7u);
+}
+
+// The read-back agrees with formatted stream extraction on any text: digits,
+// markers, signs, white space and letters in random order and length, and
+// numbers at and beyond the 64-bit limit.
+TEST(SegmentNamesTest, NumberAfterLastReadsAsTheStreamReads) {
+  auto streamed = [](const std::string& name, char marker) {
+    const std::size_t last = name.rfind(marker);
+    std::istringstream stream(name.substr(last == std::string::npos ? 0 : last + 1));
+    unsigned long value = 0;
+    stream >> value;
+    return value;
+  };
+  const std::string alphabet = "0123456789999lpv +-\tx";
+  std::mt19937 random(20261122);
+  for (int i = 0; i < 20000; ++i) {
+    std::string name;
+    const int length = static_cast<int>(random() % 30);
+    for (int k = 0; k < length; ++k) name += alphabet[random() % alphabet.size()];
+    for (char marker : {'l', 'p', 'v'}) {
+      ASSERT_EQ(er::numberAfterLast(name, marker), streamed(name, marker)) << '"' << name << "\" " << marker;
+    }
+  }
+  for (const char* text : {"p18446744073709551614", "p18446744073709551615x", "p184467440737095516150",
+                           "p00000000000000000000000000042", "p-1", "p+7"}) {
+    const std::string name = text;
+    EXPECT_EQ(er::numberAfterLast(name, 'p'), streamed(name, 'p')) << name;
+  }
 }

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
@@ -158,6 +159,34 @@ TEST_F(SegmentReuseTest, AForkedChildUsesAndReleasesInheritedAndKeptMappings) {
   EXPECT_TRUE(er::test::fileExists(pathOf(name)));
 }
 
+// A daemon-like child closes every descriptor it inherited and opens files
+// of its own, which take the freed numbers: the library opens its folder
+// again and never closes the child's files.
+TEST_F(SegmentReuseTest, AChildThatClosedAllDescriptorsKeepsItsOwnFiles) {
+  makeSegment(name, 64, "kept");
+  EXPECT_EQ(findText(name, 64), "kept");  // the scope folder is now kept open
+  const auto code = er::test::runInChild(
+      [&](er::test::ChildProcess&) {
+        std::vector<int> own;
+        for (int fd = 3; fd < 1024; ++fd) close(fd);
+        for (int i = 0; i < 8; ++i) own.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        if (findText(name, 64) != "kept") return 1;
+        const SegmentReader reader = SegmentReader::open(name, 64, "", posix);
+        if (!reader.isOpen()) return 2;
+        const std::string other = name + "x";
+        {
+          SharedMemory created = SharedMemory::create(other, 8, "", posix);
+          if (!created.isAttached()) return 3;
+        }
+        for (int fd : own) {
+          if (fd < 0 || fcntl(fd, F_GETFD) < 0) return 4;  // closed behind the child's back
+        }
+        return 0;
+      },
+      30s);
+  EXPECT_EQ(code, std::optional<int>(0));
+}
+
 // The scope folder itself: a folder this process used before and that has
 // since been replaced is checked like a new one.
 TEST_F(SegmentReuseTest, AReplacedScopeFolderIsCheckedAfresh) {
@@ -238,6 +267,42 @@ TEST_F(SegmentReuseTest, MovedReaderKeepsItsSegmentAndTheSourceIsClosed) {
   EXPECT_STREQ(text, "moved");
   second = SegmentReader();
   EXPECT_FALSE(second.isOpen());
+}
+
+}  // namespace
+
+namespace {
+
+using agent::spf::sharedmemory::ScopeFolder;
+
+TEST_F(SegmentReuseTest, ReaderOpensSegmentsInAFolderOpenedOnce) {
+  makeSegment(name, 64, "in folder");
+  const ScopeFolder folder = ScopeFolder::open("");
+  ASSERT_TRUE(folder.isOpen());
+  const SegmentReader reader = SegmentReader::open(folder, name, 64, "", posix);
+  ASSERT_TRUE(reader.isOpen());
+  char text[10] = {};
+  ASSERT_TRUE(reader.read(0, text, 10));
+  EXPECT_STREQ(text, "in folder");
+  er::test::LogCapture capture(channel + "=all");
+  EXPECT_FALSE(SegmentReader::open(folder, name + "missing", 64, "", posix).isOpen());
+  EXPECT_FALSE(SegmentReader::open(folder, name, 65, "", posix).isOpen());
+  const auto records = capture.records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].message, "find: " + pathOf(name) + "missing: not found");
+  EXPECT_EQ(records[1].message, "find: " + pathOf(name) + ": size 64 is smaller than 65");
+}
+
+TEST_F(SegmentReuseTest, AFolderThatCannotBeOpenedIsReportedByEachRead) {
+  const std::string group = "erNoSuchGroup" + std::to_string(getpid());
+  er::test::LogCapture capture(channel + "=all");
+  const ScopeFolder folder = ScopeFolder::open(group);
+  EXPECT_FALSE(folder.isOpen());
+  EXPECT_TRUE(capture.records().empty());
+  EXPECT_FALSE(SegmentReader::open(folder, name, 64, group, posix).isOpen());
+  const auto records = capture.records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].message, "find: \"" + name + "\" of trustee \"" + group + "\": unknown group");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <mutex>
 #include <new>
@@ -26,7 +27,7 @@ struct CachedFolder {
 struct FolderCache {
   std::mutex mutex;
   std::unordered_map<std::string, CachedFolder> folders;  // by scope path
-  FolderCache* abandoned = nullptr;  // a forked child's unusable predecessor, kept reachable
+  FolderCache* abandoned = nullptr;                       // a forked child's unusable predecessor, kept reachable
 };
 
 // Never destroyed: segments may be opened during the process's exit.
@@ -54,15 +55,25 @@ FolderCache& cache() {
   return *theCache;
 }
 
-// True when the scope's path still names the cached folder and the folder
-// still passes the checks of a fresh open.
+// True when the cached descriptor is still open on the cached folder, the
+// scope's path still names that folder, and the folder still passes the
+// checks of a fresh open. A descriptor that is no longer the folder's is
+// abandoned, never closed.
 bool stillThere(const Scope& scope, const CachedFolder& cached) {
   struct stat st {};
+  if (fstat(cached.folder->get(), &st) != 0 || st.st_dev != cached.device || st.st_ino != cached.inode) {
+    cached.folder->abandon();
+    return false;
+  }
   return fstatat(AT_FDCWD, scope.path.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_dev == cached.device &&
          st.st_ino == cached.inode && scope.checkFolder(st).ok();
 }
 
 }  // namespace
+
+KeptFolder::~KeptFolder() {
+  if (!abandoned_.load(std::memory_order_relaxed)) close(fd_);
+}
 
 Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder& folder) {
   FolderCache& c = cache();
@@ -87,7 +98,7 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
   if (!opened.ok()) return opened;
   struct stat st {};
   if (fstat(fresh.get(), &st) != 0) return systemFailure("fstat of the scope folder", errno);
-  auto shared = std::make_shared<const UniqueFd>(std::move(fresh));
+  auto shared = std::make_shared<const KeptFolder>(std::move(fresh));
   {
     std::lock_guard lock(c.mutex);
     if (c.folders.size() >= cacheCapacity) c.folders.clear();

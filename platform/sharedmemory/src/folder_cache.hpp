@@ -5,19 +5,41 @@
 // still passes the checks of a fresh open. The process keeps at most a few
 // such descriptors (close-on-exec), one per scope it uses.
 //
-// A forked child keeps using the folders it inherited.
+// Before each reuse the descriptor itself is checked too (it must still be
+// open on the same folder), so a forked child keeps using the folders it
+// inherited, and one that closed them opens them again.
 //
 // Thread safety: may be called from any thread.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "scope.hpp"
 
 namespace agent::spf::sharedmemory::detail {
 
-// An open scope folder, shared with the cache.
-using SharedFolder = std::shared_ptr<const UniqueFd>;
+// An open scope folder, shared with the cache. Its descriptor is closed with
+// the last reference, unless it was found no longer to be the folder's: a
+// program may close descriptors it did not open (a daemon closing all of them
+// after fork), and the number may by then be one of its own.
+class KeptFolder {
+ public:
+  explicit KeptFolder(UniqueFd&& folder) noexcept : fd_(folder.release()) {}
+  ~KeptFolder();
+  KeptFolder(const KeptFolder&) = delete;
+  KeptFolder& operator=(const KeptFolder&) = delete;
+
+  int get() const noexcept { return fd_; }
+  // The descriptor is no longer this folder's: it is never closed here.
+  void abandon() const noexcept { abandoned_.store(true, std::memory_order_relaxed); }
+
+ private:
+  int fd_;
+  mutable std::atomic<bool> abandoned_{false};
+};
+
+using SharedFolder = std::shared_ptr<const KeptFolder>;
 
 // The scope's folder, checked as openScopeFolder checks it (and made when it
 // is missing and `createIfMissing` is set): the cached one while it is still

@@ -141,7 +141,8 @@ bool reuseMapping(const Scope& scope, const std::string& name, std::size_t size,
   return false;
 }
 
-void adoptMapping(const Scope& scope, const std::string& name, std::size_t size, const CachedMapping& mapping) noexcept {
+void adoptMapping(const Scope& scope, const std::string& name, std::size_t size,
+                  const CachedMapping& mapping) noexcept {
   try {
     Cache& c = cache();
     Entry entry;

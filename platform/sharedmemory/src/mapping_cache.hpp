@@ -48,8 +48,7 @@ bool reuseMapping(const Scope& scope, const std::string& name, std::size_t size,
 // Hands a fresh mapping of `scope.path`/`name` to the cache, in use by the
 // caller until releaseMapping. Without memory for it the mapping is simply
 // not kept (releaseMapping then answers false).
-void adoptMapping(const Scope& scope, const std::string& name, std::size_t size,
-                  const CachedMapping& mapping) noexcept;
+void adoptMapping(const Scope& scope, const std::string& name, std::size_t size, const CachedMapping& mapping) noexcept;
 
 // The caller no longer uses `address`. True when the cache owns the mapping
 // (it is kept for reuse or unmapped here); false when the cache does not

@@ -436,24 +436,58 @@ void SharedMemory::removeName(const char* operation) noexcept {
   }
 }
 
+struct ScopeFolder::Impl {
+  Scope scope;
+  detail::SharedFolder folder;
+};
+
+ScopeFolder ScopeFolder::open(const std::string& trustee) {
+  ScopeFolder opened;
+  try {
+    auto impl = std::make_shared<Impl>();
+    if (!detail::resolveScope(trustee, impl->scope).ok()) return opened;
+    if (!detail::shareScopeFolder(impl->scope, false, impl->folder).ok()) return opened;
+    opened.impl_ = std::move(impl);
+  } catch (...) {
+    // No memory: unopened.
+  }
+  return opened;
+}
+
 SegmentReader SegmentReader::open(const std::string& name, std::size_t size, const std::string& trustee,
-                                  SharedMemory::ImplementationSpecifications) {
+                                  SharedMemory::ImplementationSpecifications implementation) {
+  return open(ScopeFolder(), name, size, trustee, implementation);
+}
+
+SegmentReader SegmentReader::open(const ScopeFolder& opened, const std::string& name, std::size_t size,
+                                  const std::string& trustee, SharedMemory::ImplementationSpecifications) {
   const char* operation = "find";
   try {
-    Scope scope;
-    Outcome outcome = detail::resolveScope(trustee, scope);
-    if (!outcome.ok()) {
-      logFailure(operation, scope, false, name, trustee, outcome);
-      return SegmentReader();
+    Scope resolved;
+    detail::SharedFolder shared;
+    const Scope* scope = &resolved;
+    int folder = -1;
+    Outcome outcome;
+    if (opened.isOpen()) {
+      scope = &opened.impl_->scope;
+      folder = opened.impl_->folder->get();
+    } else {
+      outcome = detail::resolveScope(trustee, resolved);
+      if (!outcome.ok()) {
+        logFailure(operation, resolved, false, name, trustee, outcome);
+        return SegmentReader();
+      }
     }
-    outcome = checkArguments(name, size);
-    detail::SharedFolder folder;
-    if (outcome.ok()) outcome = detail::shareScopeFolder(scope, false, folder);
+    if (outcome.ok()) outcome = checkArguments(name, size);
+    if (outcome.ok() && folder < 0) {
+      outcome = detail::shareScopeFolder(resolved, false, shared);
+      if (outcome.ok()) folder = shared->get();
+    }
     UniqueFd fd;
     struct stat st {};
-    if (outcome.ok()) outcome = openSegment(scope, folder->get(), name, size, fd, st);
+    if (outcome.ok()) outcome = openSegment(*scope, folder, name, size, fd, st);
     if (!outcome.ok()) {
-      logFailure(operation, scope, true, name, trustee, outcome);
+      logFailure(operation, *scope, true, name, trustee, outcome);
       return SegmentReader();
     }
     return SegmentReader(fd.release());

@@ -34,6 +34,7 @@
 
 #include <sys/types.h>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,25 @@ class SharedMemory {
   std::string scopePath_;
 };
 
+// A trustee's scope folder, opened and checked once, for a reader that opens
+// many segments in it one after another (a listing): each open then skips the
+// check of the folder. It sees the folder as it was when it was opened; one
+// replaced since is not noticed until the next ScopeFolder. Copies share the
+// folder.
+class ScopeFolder {
+ public:
+  ScopeFolder() noexcept = default;
+  // Unopened, and not logged, when the trustee is unknown or its folder is
+  // missing or refused: SegmentReader::open then reports it for each segment.
+  static ScopeFolder open(const std::string& trustee);
+  bool isOpen() const noexcept { return impl_ != nullptr; }
+
+ private:
+  friend class SegmentReader;
+  struct Impl;
+  std::shared_ptr<const Impl> impl_;
+};
+
 // An existing segment opened for reading with read calls instead of a
 // mapping: a reader that looks at a segment once and briefly saves the map,
 // the unmap (which, in a process with other running threads, interrupts
@@ -119,6 +139,10 @@ class SegmentReader {
   // wherever find() would return an unattached handle.
   static SegmentReader open(const std::string& name, std::size_t size, const std::string& trustee,
                             SharedMemory::ImplementationSpecifications implementation);
+  // The same, in a folder opened before for the trustee (one that is not
+  // open is opened here, as above).
+  static SegmentReader open(const ScopeFolder& folder, const std::string& name, std::size_t size,
+                            const std::string& trustee, SharedMemory::ImplementationSpecifications implementation);
 
   SegmentReader(SegmentReader&& other) noexcept;
   SegmentReader& operator=(SegmentReader&& other) noexcept;
