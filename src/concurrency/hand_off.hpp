@@ -135,7 +135,10 @@ class Completion {
       seen = state.load(std::memory_order_seq_cst);
     }
     if (seen == Broken) throw std::future_error(std::future_errc::broken_promise);
-    if (error) std::rethrow_exception(error);
+    // The exception leaves this object before it is thrown: the work thread
+    // may drop its reference to this object at any time, and must never be
+    // the one that frees an exception that the caller is still reading.
+    if (error) std::rethrow_exception(std::exchange(error, nullptr));
     return value;
   }
 

@@ -167,14 +167,20 @@ WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, 
   auto sender = std::make_shared<handoff::CompletionSender>(completion);
 
   // The job hands the function's value or exception to the waiting caller;
-  // it does not throw itself.
+  // it does not throw itself. An exception is handed over only after its
+  // handler here has ended: from then on the caller alone holds it, so the
+  // work thread never frees an exception that the caller is still reading.
   WorkThreadGuard guard([sender, function = std::move(function)]() {
     int value = 0;
+    std::exception_ptr thrown;
     try {
       if (!function) throw std::bad_function_call();
       value = function();
     } catch (...) {
-      sender->setException(std::current_exception());
+      thrown = std::current_exception();
+    }
+    if (thrown) {
+      sender->setException(std::move(thrown));
       return;
     }
     sender->setValue(value);
