@@ -147,19 +147,27 @@ void WorkQueue::run() {
   }
 }
 
-WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
+std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
   registerForkHandler();
-  std::shared_ptr<WorkQueue> queue;
-  {
-    std::lock_guard<std::mutex> lock(queueMutex);
-    queue = currentQueue().lock();
-    if (!queue) {
-      queue = std::make_shared<WorkQueue>();
-      currentQueue() = queue;
-    }
+  std::lock_guard<std::mutex> lock(queueMutex);
+  std::shared_ptr<WorkQueue> queue = currentQueue().lock();
+  if (!queue) {
+    queue = std::make_shared<WorkQueue>();
+    currentQueue() = queue;
   }
+  return queue;
+}
+
+WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
+  std::shared_ptr<WorkQueue> queue = processQueue();
   queue->push(std::move(job));
   workQueue = std::move(queue);
+}
+
+WorkThreadGuard WorkThreadGuard::holdThread() {
+  WorkThreadGuard guard;
+  guard.workQueue = processQueue();
+  return guard;
 }
 
 WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, int& result) {

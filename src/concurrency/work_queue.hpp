@@ -97,10 +97,20 @@ class WorkThreadGuard {
   // not written.
   static WorkThreadGuard executeAndSet(std::function<int()>&& function, int& result);
 
+  // A guard that runs nothing: it keeps the process's work thread (started
+  // here if none is live) for as long as it lives, so that a sequence of
+  // operations whose own guards come and go (a publication, a listing) uses
+  // one thread instead of starting and joining one for each.
+  static WorkThreadGuard holdThread();
+
   // The queue this guard refers to (null after being moved from).
   const std::shared_ptr<WorkQueue>& queue() const noexcept { return workQueue; }
 
  private:
+  WorkThreadGuard() = default;
+  // The process's live queue, or a new one.
+  static std::shared_ptr<WorkQueue> processQueue();
+
   std::shared_ptr<WorkQueue> workQueue;
 };
 

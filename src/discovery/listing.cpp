@@ -8,6 +8,7 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
+#include "concurrency/work_queue.hpp"
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
 #include "endpoint/endpoint_impl.hpp"
@@ -46,6 +47,9 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::string& truste
 
 DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
   if (trustees.empty()) return {};
+  // One work thread for all the directories read here, started (if the
+  // process holds no endpoint) and joined once.
+  const WorkThreadGuard workThread = WorkThreadGuard::holdThread();
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "concurrency/work_queue.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "endpoint/endpoint_impl.hpp"
 
@@ -22,6 +23,10 @@ Endpoint::Endpoint(const std::pair<std::string, std::string>& data, const std::s
     logMessage(mainLogger(), Error, "Endpoint(): Group tag cannot be empty.");
     throw std::invalid_argument("Endpoint group tag cannot be both empty");
   }
+
+  // The counts and the record's locks share one work thread, which the
+  // record then keeps; without this each count would start and join one.
+  const WorkThreadGuard workThread = WorkThreadGuard::holdThread();
 
   // Optimistic duplicate detection: count, publish, count again. A second
   // record seen after publishing was published at the same moment by

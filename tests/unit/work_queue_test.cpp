@@ -151,6 +151,38 @@ TEST(WorkQueueTest, NewThreadAfterEveryGuardIsDropped) {
   EXPECT_EQ(after.id, guard.queue()->threadId());
 }
 
+TEST(WorkQueueTest, AHeldThreadServesOperationsWhoseGuardsComeAndGo) {
+  std::weak_ptr<registry::WorkQueue> heldQueue;
+  RunPlace first;
+  RunPlace second;
+  {
+    const WorkThreadGuard held = WorkThreadGuard::holdThread();
+    ASSERT_NE(held.queue(), nullptr);
+    heldQueue = held.queue();
+    { WorkThreadGuard once = runAndRecord(first); }
+    { WorkThreadGuard again = runAndRecord(second); }
+    EXPECT_EQ(first.tid, second.tid);
+    EXPECT_EQ(first.id, held.queue()->threadId());
+    EXPECT_FALSE(heldQueue.expired());
+  }
+  // Dropping the holder, the last guard, stopped and joined the thread.
+  EXPECT_TRUE(heldQueue.expired());
+  RunPlace after;
+  WorkThreadGuard guard = runAndRecord(after);
+  EXPECT_NE(after.tid, first.tid);
+}
+
+TEST(WorkQueueTest, HoldingTheThreadJoinsTheLiveQueueAndRunsNothing) {
+  RunPlace place;
+  WorkThreadGuard running = runAndRecord(place);
+  const WorkThreadGuard held = WorkThreadGuard::holdThread();
+  EXPECT_EQ(held.queue(), running.queue());
+  running = WorkThreadGuard::holdThread();  // drops the job's guard; the thread stays
+  RunPlace later;
+  WorkThreadGuard guard = runAndRecord(later);
+  EXPECT_EQ(later.tid, place.tid);
+}
+
 TEST(WorkQueueTest, StandardExceptionIsLoggedAndRethrown) {
   er::test::LogCapture capture("agent::spf::endpointregistry=all");
   RunPlace before;
