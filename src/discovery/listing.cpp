@@ -4,6 +4,7 @@
 #include <endpointregistry/endpoint.hpp>
 
 #include <exception>
+#include <optional>
 #include <unordered_set>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
@@ -48,12 +49,15 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::string& truste
 DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
   if (trustees.empty()) return {};
   // One work thread for all the directories read here, started (if the
-  // process holds no endpoint) and joined once.
-  const WorkThreadGuard workThread = WorkThreadGuard::holdThread();
+  // process holds no endpoint) and joined once: right after the last
+  // directory is read, while the thread is still awake, since reading the
+  // records needs no thread.
+  std::optional<WorkThreadGuard> workThread(WorkThreadGuard::holdThread());
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {
     const std::vector<std::string> names = Impl::filterNames(groupTag, trustee);
+    if (trustee == *trustees.rbegin()) workThread.reset();
     RecordReadSession session(trustee);
     for (const std::string& name : names) {
       auto pair = Impl::getDataPair(name, trustee, session);
