@@ -12,7 +12,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child_process.hpp"
@@ -303,6 +305,41 @@ TEST_F(SegmentReuseTest, AFolderThatCannotBeOpenedIsReportedByEachRead) {
   const auto records = capture.records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].message, "find: \"" + name + "\" of trustee \"" + group + "\": unknown group");
+}
+
+}  // namespace
+
+namespace {
+
+// The mappings of this process whose file name begins with `prefix`.
+std::size_t mappingsOf(const std::string& prefix) {
+  std::ifstream maps("/proc/self/maps");
+  std::size_t count = 0;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(userScope() + "/" + prefix) != std::string::npos) ++count;
+  }
+  return count;
+}
+
+// Released mappings are kept within bounds: 16 at most, none longer than
+// 2 s, none of a segment this process removed.
+TEST_F(SegmentReuseTest, KeptMappingsStayWithinTheirBounds) {
+  er::test::ShmCleanup many(userScope(), {name + "m"});
+  for (int i = 0; i < 24; ++i) {
+    makeSegment(name + "m" + std::to_string(i), 64, "many");
+    EXPECT_EQ(findText(name + "m" + std::to_string(i), 64), "many");
+  }
+  EXPECT_EQ(mappingsOf(name + "m"), 16u);
+  {
+    SharedMemory segment = SharedMemory::find(name + "m23", 64, "", posix);
+    ASSERT_TRUE(segment.isAttached());
+    segment.markForDeletion();
+  }
+  EXPECT_EQ(mappingsOf(name + "m"), 15u);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  makeSegment(name, 64, "after");
+  EXPECT_EQ(findText(name, 64), "after");  // any open lets expired mappings go
+  EXPECT_EQ(mappingsOf(name + "m"), 0u);
 }
 
 }  // namespace
