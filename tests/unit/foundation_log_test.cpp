@@ -47,6 +47,20 @@ TEST(FoundationLog, FilterAppliesToLoggersMadeBeforeAndAfterIt) {
   EXPECT_EQ(after.enabledLevels(), 0u);
 }
 
+TEST(FoundationLog, ChannelLevelsFollowTheFilterLikeTheChannelsLoggers) {
+  const std::string channel = uniqueChannel("levels");
+  const foundation::log::channel_levels levels(channel);
+  EXPECT_FALSE(levels.isEnabled(512));
+  admin::get()->setChannelFilter(channel + "=512");
+  const diagnostic_logger logger(channel);
+  EXPECT_TRUE(levels.isEnabled(512));
+  EXPECT_FALSE(levels.isEnabled(256));
+  EXPECT_EQ(logger.enabledLevels(), 512u);
+  admin::get()->setChannelFilter(uniqueChannel("other") + "=all");
+  EXPECT_FALSE(levels.isEnabled(512));
+  admin::get()->setChannelFilter("");
+}
+
 TEST(FoundationLog, AllAndNoneSelectEveryLevelOrNone) {
   const std::string a = uniqueChannel("a");
   const std::string b = uniqueChannel("b");

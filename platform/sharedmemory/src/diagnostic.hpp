@@ -17,13 +17,17 @@ namespace agent::spf::sharedmemory::detail {
 
 using DiagnosticLogger = foundation::log::basic_diagnostic_logger<char>;
 
-// The logger of the channel "agent::spf::sharedmemory", made on first use.
+// The logger of the channel "agent::spf::sharedmemory", made on first use,
+// which is the first line to be written: levels are tested without it.
 DiagnosticLogger& logger();
+
+// The channel's enabled levels.
+const foundation::log::channel_levels& levels();
 
 // True when lines of `level` are written now.
 inline bool logEnabled(unsigned level) noexcept {
   try {
-    return logger().isEnabled(level);
+    return levels().isEnabled(level);
   } catch (...) {
     return false;
   }
@@ -33,8 +37,8 @@ inline bool logEnabled(unsigned level) noexcept {
 template <typename... Pieces>
 void logMessage(unsigned level, const Pieces&... pieces) noexcept {
   try {
+    if (!levels().isEnabled(level)) return;
     DiagnosticLogger& channel = logger();
-    if (!channel.isEnabled(level)) return;
     if (!boost::log::core::get()->get_logging_enabled()) return;
     boost::log::record record = channel.open_record(boost::log::keywords::severity = level);
     if (!record) return;

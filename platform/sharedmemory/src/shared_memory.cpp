@@ -29,8 +29,17 @@ enum class SharedMemory::OpenMode : unsigned char { Create, Find, CreateOrFind }
 
 namespace detail {
 
+namespace {
+const char* const channelName = "agent::spf::sharedmemory";
+}  // namespace
+
 DiagnosticLogger& logger() {
-  static DiagnosticLogger channel("agent::spf::sharedmemory");
+  static DiagnosticLogger channel(channelName);
+  return channel;
+}
+
+const foundation::log::channel_levels& levels() {
+  static const foundation::log::channel_levels channel(channelName);
   return channel;
 }
 

@@ -57,4 +57,19 @@ class basic_diagnostic_logger
 
 using diagnostic_logger = basic_diagnostic_logger<char>;
 
+// The enabled levels of one channel, without a logger: the same shared mask
+// that the channel's loggers test, for code that tests levels often and
+// makes its logger only once something is to be written (making the first
+// logger of a process sets up Boost.Log, which a silent process never needs).
+class channel_levels {
+ public:
+  explicit channel_levels(const std::string& channel) : mask_(detail::channelMask(channel)) {}
+
+  // True when bit `level` is in the channel's enabled set.
+  bool isEnabled(unsigned level) const noexcept { return (mask_->load(std::memory_order_relaxed) & level) != 0; }
+
+ private:
+  std::shared_ptr<std::atomic<unsigned>> mask_;
+};
+
 }  // namespace foundation::log
