@@ -17,12 +17,15 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "bench_support.hpp"
 
 extern char** environ;
 
@@ -197,6 +200,29 @@ inline void reportOnStdout() {
   const char byte = '1';
   while (write(1, &byte, 1) < 0 && errno == EINTR) {
   }
+}
+
+// Starts this program once per iteration, with the arguments that
+// `arguments` gives for it, and times it until its report arrives; its end
+// is awaited outside the timing.
+inline void timeStartToReport(benchmark::State& state, const std::function<std::vector<std::string>()>& arguments) {
+  const std::string self = selfPath();
+  Samples samples;
+  for (auto _ : state) {
+    const std::vector<std::string> these = arguments();
+    std::unique_ptr<SpawnedProgram> program;
+    bool reported = false;
+    samples.time(state, [&] {
+      program = std::make_unique<SpawnedProgram>(self, these);
+      reported = program->awaitReport();
+    });
+    if (!reported) {
+      state.SkipWithError("the started program did not report");
+      break;
+    }
+    program->awaitEnd();
+  }
+  samples.report(state);
 }
 
 // Sets the process's supplementary groups for its lifetime (root only) and

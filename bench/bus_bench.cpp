@@ -223,25 +223,11 @@ void killToNameGone(benchmark::State& state) {
 }
 
 void startAndReport(benchmark::State& state, bool ownName) {
-  const std::string self = erbench::selfPath();
   const std::string& address = busAddress();
-  Samples samples;
-  for (auto _ : state) {
-    std::vector<std::string> arguments{"--report"};
-    if (ownName) arguments = {"--own-one", address, busName("new")};
-    std::unique_ptr<erbench::SpawnedProgram> program;
-    bool reported = false;
-    samples.time(state, [&] {
-      program = std::make_unique<erbench::SpawnedProgram>(self, arguments);
-      reported = program->awaitReport();
-    });
-    if (!reported) {
-      state.SkipWithError("the started program did not report");
-      break;
-    }
-    program->awaitEnd();
-  }
-  samples.report(state);
+  erbench::timeStartToReport(state, [&] {
+    return ownName ? std::vector<std::string>{"--own-one", address, busName("new")}
+                   : std::vector<std::string>{"--report"};
+  });
 }
 
 void registerFigures(const Plan& plan) {

@@ -99,26 +99,25 @@ void publishAlone(benchmark::State& state) {
   samples.report(state);
 }
 
-// Beside another endpoint whose record name is as long as the cycle's: the
-// directory keeps its row width.
-void publishBeside(benchmark::State& state) {
-  const std::string tag = erbench::uniqueName("erBenchBeside");
-  Endpoint other = Endpoint::publish("cycle-beside", "4711", tag);
+// Beside another endpoint of the process, published with `first` and
+// `second` under the same tag.
+void publishBesideOther(benchmark::State& state, const std::string& stem, const std::string& first,
+                        const std::string& second) {
+  const std::string tag = erbench::uniqueName(stem);
+  Endpoint other = Endpoint::publish(first, second, tag);
   Samples samples;
   publishWithdraw(state, samples, tag);
   samples.report(state);
 }
 
-// Beside another endpoint whose record name is shorter than the cycle's: each
-// publication widens the directory's rows (a new container) and each
-// withdrawal narrows them again (another one).
-void publishWidening(benchmark::State& state) {
-  const std::string tag = erbench::uniqueName("erBenchWiden");
-  Endpoint other = Endpoint::publish("short", "1", tag);
-  Samples samples;
-  publishWithdraw(state, samples, tag);
-  samples.report(state);
-}
+// The other record name is as long as the cycle's: the directory keeps its
+// row width.
+void publishBeside(benchmark::State& state) { publishBesideOther(state, "erBenchBeside", "cycle-beside", "4711"); }
+
+// The other record name is shorter than the cycle's: each publication
+// widens the directory's rows (a new container) and each withdrawal narrows
+// them again (another one).
+void publishWidening(benchmark::State& state) { publishBesideOther(state, "erBenchWiden", "short", "1"); }
 
 // The directory work of one publication and withdrawal at this size: the
 // two synonym counts read the directory, the record's name goes in and out.

@@ -26,31 +26,14 @@ using agent::spf::endpointregistry::Endpoint;
 using erbench::Plan;
 using erbench::Samples;
 
-// Starts this program in a helper mode per iteration and times it until its
-// report arrives; the program's end is awaited outside the timing.
-void startAndReport(benchmark::State& state, const std::vector<std::string>& arguments) {
-  const std::string self = erbench::selfPath();
-  Samples samples;
-  for (auto _ : state) {
-    std::unique_ptr<erbench::SpawnedProgram> program;
-    bool reported = false;
-    samples.time(state, [&] {
-      program = std::make_unique<erbench::SpawnedProgram>(self, arguments);
-      reported = program->awaitReport();
-    });
-    if (!reported) {
-      state.SkipWithError("the started program did not report");
-      break;
-    }
-    program->awaitEnd();
-  }
-  samples.report(state);
+// The program starts in a helper mode, reports and ends (see main()).
+void bareStart(benchmark::State& state) {
+  erbench::timeStartToReport(state, [] { return std::vector<std::string>{"--report"}; });
 }
 
-void bareStart(benchmark::State& state) { startAndReport(state, {"--report"}); }
-
 void newProcessPublishes(benchmark::State& state) {
-  startAndReport(state, {"--publish-one", erbench::uniqueName("erBenchNew")});
+  const std::string tag = erbench::uniqueName("erBenchNew");
+  erbench::timeStartToReport(state, [&tag] { return std::vector<std::string>{"--publish-one", tag}; });
 }
 
 // A child that blocks until killed.

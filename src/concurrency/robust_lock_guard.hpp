@@ -41,17 +41,14 @@ class PThreadRobustLockGuard {
   // stay locked by a thread that no longer exists.
   static bool isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process);
 
-  // Judges a copy of a mutex's bytes, read without mapping the mutex: true
-  // when the copy shows a mutex of a plain kind held, without the owner-died
-  // mark, by a thread other than the calling one that exists in `process`.
-  // Probing the mutex itself would then have answered EBUSY, and
-  // isHeldByLiveThreadOf true. False means that the copy cannot tell.
-  static bool copyShowsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process);
-  // The first half of the judgement above: the thread that the copy shows
-  // holding the mutex (plain kind, no owner-died mark, not the calling
-  // thread), or 0. threadExists() is the second half.
+  // Judges a copy of a mutex's bytes, read without mapping the mutex: the
+  // thread that the copy shows holding the mutex (plain kind, no owner-died
+  // mark, not the calling thread), or 0. When that thread exists in the
+  // publisher's process (threadExists), probing the mutex itself would have
+  // answered EBUSY, and isHeldByLiveThreadOf true.
   static pid_t holderInCopy(const pthread_mutex_t& copy);
-  // True when thread `thread` exists in `process`.
+  // False only when the system says that `thread` does not exist in
+  // `process`.
   static bool threadExists(pid_t process, pid_t thread);
 
   // Returns with the mutex locked by the work thread; repairs an owner-dead

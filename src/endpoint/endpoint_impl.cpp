@@ -135,12 +135,16 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
 
 namespace {
 
-// True when a copy of a record's header shows it live: flag set, liveness
+// The record's header, when it shows the record live: flag set, liveness
 // mutex held by a live thread of the publisher.
-bool headerShowsLive(const RecordHeader& header, unsigned long pid, RecordReadSession& session) {
-  if (header.livenessFlag == 0) return false;
+std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader, unsigned long pid, RecordReadSession& session) {
+  RecordHeader header;
+  if (!reader.read(0, &header, sizeof header)) return std::nullopt;
+  ER_TEST_HOOK("record.probing");
+  if (header.livenessFlag == 0) return std::nullopt;
   const pid_t holder = PThreadRobustLockGuard::holderInCopy(header.livenessMutex);
-  return holder != 0 && session.threadAlive(static_cast<pid_t>(pid), holder);
+  if (holder == 0 || !session.threadAlive(static_cast<pid_t>(pid), holder)) return std::nullopt;
+  return header;
 }
 
 // Reads a record without mapping it, which costs a reader less than a
@@ -151,16 +155,14 @@ bool headerShowsLive(const RecordHeader& header, unsigned long pid, RecordReadSe
 // itself and clears stale records away.
 std::optional<Endpoint::Impl::DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength,
                                                        unsigned long pid, RecordReadSession& session) {
-  RecordHeader header;
-  if (!reader.read(0, &header, sizeof header)) return std::nullopt;
-  ER_TEST_HOOK("record.probing");
-  if (!headerShowsLive(header, pid, session) || header.firstLength > dataLength) return std::nullopt;
+  const std::optional<RecordHeader> header = readLiveHeader(reader, pid, session);
+  if (!header || header->firstLength > dataLength) return std::nullopt;
   std::string bytes(recordDataOffset + dataLength, '\0');
-  if (!reader.read(0, bytes.data(), bytes.size()) || std::memcmp(bytes.data(), &header, sizeof header) != 0) {
+  if (!reader.read(0, bytes.data(), bytes.size()) || std::memcmp(bytes.data(), &*header, sizeof *header) != 0) {
     return std::nullopt;
   }
-  std::string second = bytes.substr(recordDataOffset + header.firstLength);
-  bytes.resize(recordDataOffset + header.firstLength);
+  std::string second = bytes.substr(recordDataOffset + header->firstLength);
+  bytes.resize(recordDataOffset + header->firstLength);
   bytes.erase(0, recordDataOffset);
   return Endpoint::Impl::DataPair{std::move(bytes), std::move(second)};
 }
@@ -210,14 +212,14 @@ Endpoint::Impl::DataPair readMappedRecord(SharedMemory& segment, const std::stri
 }  // namespace
 
 RecordReadSession::RecordReadSession(const std::string& trustee)
-    : folder(agent::spf::sharedmemory::ScopeFolder::open(trustee)), remembers(true) {}
+    : folder(agent::spf::sharedmemory::ScopeFolder::open(trustee)) {}
 
 bool RecordReadSession::threadAlive(pid_t process, pid_t thread) {
   const std::uint64_t key =
       static_cast<std::uint64_t>(static_cast<std::uint32_t>(process)) << 32 | static_cast<std::uint32_t>(thread);
-  if (remembers && aliveThreads.count(key) != 0) return true;
+  if (aliveThreads.count(key) != 0) return true;
   if (!PThreadRobustLockGuard::threadExists(process, thread)) return false;
-  if (remembers) aliveThreads.insert(key);
+  aliveThreads.insert(key);
   return true;
 }
 
@@ -246,14 +248,13 @@ std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag
 
 std::size_t Endpoint::Impl::countSynonymEndpoints(const DataPair& data, const std::string& groupTag) {
   std::size_t count = 0;
+  RecordReadSession session;
   for (const std::string& name : listDirectoryNames(synonymPrefix(data, groupTag), "")) {
     const unsigned long pid = recordPid(name);
     {
-      RecordReadSession once;
-      const SegmentReader reader = openRecordReader(name, "", once);
+      const SegmentReader reader = openRecordReader(name, "", session);
       if (!reader.isOpen()) continue;
-      RecordHeader header;
-      if (reader.read(0, &header, sizeof header) && headerShowsLive(header, pid, once)) {
+      if (readLiveHeader(reader, pid, session)) {
         ++count;
         continue;
       }

@@ -59,7 +59,8 @@ enum RecordState : unsigned {
 // share the thread that holds their mutexes).
 class RecordReadSession {
  public:
-  // Reads records one at a time, learning nothing across them.
+  // A session without a folder opened beforehand: each record's open checks
+  // the folder itself.
   RecordReadSession() = default;
   explicit RecordReadSession(const std::string& trustee);
 
@@ -69,7 +70,6 @@ class RecordReadSession {
 
  private:
   agent::spf::sharedmemory::ScopeFolder folder;
-  bool remembers = false;
   std::unordered_set<std::uint64_t> aliveThreads;  // process << 32 | thread
 };
 

@@ -36,6 +36,8 @@ std::vector<unsigned char> readBytes(const std::string& path) {
   return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+std::string userPath(const std::string& name) { return userScope() + "/" + name; }
+
 std::string uniqueName(const std::string& stem) {
   static std::atomic<unsigned> counter{0};
   return stem + std::to_string(getpid()) + "n" + std::to_string(counter++);

@@ -12,6 +12,8 @@ namespace er::test {
 // /dev/shm/u<euid> and /dev/shm/g<gid>.
 std::string userScope();
 std::string groupScope(gid_t gid);
+// The file of the user's own segment `name`: userScope() + "/" + name.
+std::string userPath(const std::string& name);
 
 // The names of the files in a scope folder that begin with `prefix`.
 std::set<std::string> filesIn(const std::string& scope, const std::string& prefix = "");

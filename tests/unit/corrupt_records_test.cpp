@@ -101,7 +101,7 @@ class CorruptRecordsTest : public ::testing::Test {
   }
 
   RecordHeader* headerIn(SharedMemory& segment) { return static_cast<RecordHeader*>(segment.getPointer()); }
-  std::string path(const std::string& name) const { return userScope() + "/" + name; }
+  std::string path(const std::string& name) const { return er::test::userPath(name); }
   std::vector<std::string> namesInDirectory() const { return listDirectoryNames(groupPrefix(tag), ""); }
 
   std::string tag = uniqueName("corruptTag");

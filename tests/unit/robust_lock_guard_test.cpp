@@ -323,20 +323,26 @@ pthread_mutex_t copyOf(const pthread_mutex_t* mutex) {
   return copy;
 }
 
+// What a reader concludes from a copy: held by a live thread of `process`.
+bool showsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process) {
+  const pid_t holder = PThreadRobustLockGuard::holderInCopy(copy);
+  return holder != 0 && PThreadRobustLockGuard::threadExists(process, holder);
+}
+
 }  // namespace
 
 TEST(RobustLockGuardTest, CopyShowsAMutexHeldByALiveThreadOfTheProcess) {
   SharedMutex mutex;
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copyOf(mutex.get()), getpid()));  // free
+  EXPECT_FALSE(showsHeldByLiveThreadOf(copyOf(mutex.get()), getpid()));  // free
   PThreadRobustLockGuard guard(mutex.get());
   const pthread_mutex_t held = copyOf(mutex.get());
-  EXPECT_TRUE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getpid()));
+  EXPECT_TRUE(showsHeldByLiveThreadOf(held, getpid()));
   // The work thread is no thread of another process.
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getppid()));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(held, getppid()));
   // Nor does the copy count as held for the very thread that holds it.
   int seenByHolder = -1;
-  auto onWorkThread = WorkThreadGuard::executeAndSet(
-      [&held] { return PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(held, getpid()) ? 1 : 0; }, seenByHolder);
+  auto onWorkThread =
+      WorkThreadGuard::executeAndSet([&held] { return showsHeldByLiveThreadOf(held, getpid()) ? 1 : 0; }, seenByHolder);
   EXPECT_EQ(seenByHolder, 0);
 }
 
@@ -349,15 +355,15 @@ TEST(RobustLockGuardTest, CopyOfAnOwnerDeadOrOddMutexCannotTell) {
   pthread_mutex_t ownerDied = copy;
   const unsigned marked = word | 0x40000000u;
   std::memcpy(&ownerDied, &marked, sizeof marked);
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(ownerDied, getpid()));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(ownerDied, getpid()));
   pthread_mutex_t oddKind = copy;
   oddKind.__data.__kind = 0x7ff;
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(oddKind, getpid()));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(oddKind, getpid()));
   // A thread id that belongs to no thread of this process.
   pthread_mutex_t goneOwner = copy;
   const unsigned gone = 0x3ffffffeu;
   std::memcpy(&goneOwner, &gone, sizeof gone);
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(goneOwner, getpid()));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(goneOwner, getpid()));
 }
 
 TEST(RobustLockGuardTest, CopyOfAMutexWhoseHolderWasKilledCannotTell) {
@@ -374,12 +380,12 @@ TEST(RobustLockGuardTest, CopyOfAMutexWhoseHolderWasKilledCannotTell) {
     ASSERT_EQ(child.readFromChild(30s), std::optional<std::string>("locked"));
     holder = child.pid();
     copy = copyOf(mutex.get());
-    EXPECT_TRUE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copy, holder));
+    EXPECT_TRUE(showsHeldByLiveThreadOf(copy, holder));
     child.kill(SIGKILL);
     ASSERT_EQ(child.wait(30s), std::optional<int>(128 + SIGKILL));
   }
   // The copy taken while it lived names a thread that is gone.
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copy, holder));
-  EXPECT_FALSE(PThreadRobustLockGuard::copyShowsHeldByLiveThreadOf(copyOf(mutex.get()), holder));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(copy, holder));
+  EXPECT_FALSE(showsHeldByLiveThreadOf(copyOf(mutex.get()), holder));
   EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), EOWNERDEAD);
 }

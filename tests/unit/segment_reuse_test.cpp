@@ -32,7 +32,7 @@ using er::test::userScope;
 constexpr auto posix = SharedMemory::ImplementationSpecifications::PosixSharedMemory;
 const std::string channel = "agent::spf::sharedmemory";
 
-std::string pathOf(const std::string& name) { return userScope() + "/" + name; }
+std::string pathOf(const std::string& name) { return er::test::userPath(name); }
 
 // Writes `text` at the start of a persistent segment made for the test.
 void makeSegment(const std::string& name, std::size_t size, const char* text) {
@@ -49,6 +49,15 @@ std::string textOf(const SharedMemory& segment) { return static_cast<const char*
 std::string findText(const std::string& name, std::size_t size) {
   SharedMemory segment = SharedMemory::find(name, size, "", posix);
   return segment.isAttached() ? textOf(segment) : std::string("<unattached>");
+}
+
+// Expects find() to refuse the segment, with exactly one line ending in `reason`.
+void expectFindRefused(const std::string& name, const std::string& reason) {
+  er::test::LogCapture capture(channel + "=all");
+  EXPECT_EQ(findText(name, 64), "<unattached>");
+  const auto records = capture.records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].message, "find: " + pathOf(name) + ": " + reason);
 }
 
 class SegmentReuseTest : public ::testing::Test {
@@ -90,33 +99,21 @@ TEST_F(SegmentReuseTest, ASegmentRemovedByAnotherProcessIsNotFound) {
       },
       30s);
   ASSERT_EQ(code, std::optional<int>(0));
-  er::test::LogCapture capture(channel + "=all");
-  EXPECT_EQ(findText(name, 64), "<unattached>");
-  const auto records = capture.records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].message, "find: " + pathOf(name) + ": not found");
+  expectFindRefused(name, "not found");
 }
 
 TEST_F(SegmentReuseTest, ASegmentThatShrankIsRefusedAsAFreshFindRefusesIt) {
   makeSegment(name, 64, "shrinks");
   EXPECT_EQ(findText(name, 64), "shrinks");
   ASSERT_EQ(truncate(pathOf(name).c_str(), 16), 0);
-  er::test::LogCapture capture(channel + "=all");
-  EXPECT_EQ(findText(name, 64), "<unattached>");
-  const auto records = capture.records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].message, "find: " + pathOf(name) + ": size 16 is smaller than 64");
+  expectFindRefused(name, "size 16 is smaller than 64");
 }
 
 TEST_F(SegmentReuseTest, ASegmentWhoseModeWidenedIsRefused) {
   makeSegment(name, 64, "widened");
   EXPECT_EQ(findText(name, 64), "widened");
   ASSERT_EQ(chmod(pathOf(name).c_str(), 0644), 0);
-  er::test::LogCapture capture(channel + "=all");
-  EXPECT_EQ(findText(name, 64), "<unattached>");
-  const auto records = capture.records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].message, "find: " + pathOf(name) + ": mode 0644 exceeds 0600");
+  expectFindRefused(name, "mode 0644 exceeds 0600");
 }
 
 TEST_F(SegmentReuseTest, ASegmentThisProcessMarkedForDeletionIsNotFoundAgain) {
@@ -324,7 +321,6 @@ std::size_t mappingsOf(const std::string& prefix) {
 // Released mappings are kept within bounds: 16 at most, none longer than
 // 2 s, none of a segment this process removed.
 TEST_F(SegmentReuseTest, KeptMappingsStayWithinTheirBounds) {
-  er::test::ShmCleanup many(userScope(), {name + "m"});
   for (int i = 0; i < 24; ++i) {
     makeSegment(name + "m" + std::to_string(i), 64, "many");
     EXPECT_EQ(findText(name + "m" + std::to_string(i), 64), "many");

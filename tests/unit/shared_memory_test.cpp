@@ -25,7 +25,7 @@ using er::test::userScope;
 constexpr auto posix = SharedMemory::ImplementationSpecifications::PosixSharedMemory;
 const std::string channel = "agent::spf::sharedmemory";
 
-std::string pathOf(const std::string& name) { return userScope() + "/" + name; }
+std::string pathOf(const std::string& name) { return er::test::userPath(name); }
 
 struct stat lstatOf(const std::string& path) {
   struct stat st {};

@@ -1,15 +1,15 @@
 #include "folder_cache.hpp"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <mutex>
-#include <new>
 #include <string>
 #include <unordered_map>
 #include <utility>
+
+#include "process_state.hpp"
 
 namespace agent::spf::sharedmemory::detail {
 namespace {
@@ -24,36 +24,8 @@ struct CachedFolder {
   ino_t inode = 0;
 };
 
-struct FolderCache {
-  std::mutex mutex;
-  std::unordered_map<std::string, CachedFolder> folders;  // by scope path
-  FolderCache* abandoned = nullptr;                       // a forked child's unusable predecessor, kept reachable
-};
-
-// Never destroyed: segments may be opened during the process's exit.
-FolderCache* theCache = nullptr;
-std::once_flag cacheOnce;
-
-// Runs in a forked child before fork() returns there: a cache that another
-// thread was changing at the fork is set aside for a fresh one.
-void renewInForkedChild() noexcept {
-  if (theCache->mutex.try_lock()) {
-    theCache->mutex.unlock();
-    return;
-  }
-  FolderCache* fresh = new (std::nothrow) FolderCache;
-  if (fresh == nullptr) return;
-  fresh->abandoned = theCache;
-  theCache = fresh;
-}
-
-FolderCache& cache() {
-  std::call_once(cacheOnce, [] {
-    theCache = new FolderCache;
-    pthread_atfork(nullptr, nullptr, &renewInForkedChild);
-  });
-  return *theCache;
-}
+using FolderCache = std::unordered_map<std::string, CachedFolder>;  // by scope path
+using ProcessFolders = ProcessState<FolderCache>;
 
 // True when the cached descriptor is still open on the cached folder, the
 // scope's path still names that folder, and the folder still passes the
@@ -76,21 +48,22 @@ KeptFolder::~KeptFolder() {
 }
 
 Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder& folder) {
-  FolderCache& c = cache();
+  ProcessFolders::Guarded& guarded = ProcessFolders::get();
+  FolderCache& folders = guarded.state;
   CachedFolder cached;
   {
-    std::lock_guard lock(c.mutex);
-    auto found = c.folders.find(scope.path);
-    if (found != c.folders.end()) cached = found->second;
+    std::lock_guard lock(guarded.mutex);
+    auto found = folders.find(scope.path);
+    if (found != folders.end()) cached = found->second;
   }
   if (cached.folder != nullptr) {
     if (stillThere(scope, cached)) {
       folder = std::move(cached.folder);
       return {};
     }
-    std::lock_guard lock(c.mutex);
-    auto found = c.folders.find(scope.path);
-    if (found != c.folders.end() && found->second.folder == cached.folder) c.folders.erase(found);
+    std::lock_guard lock(guarded.mutex);
+    auto found = folders.find(scope.path);
+    if (found != folders.end() && found->second.folder == cached.folder) folders.erase(found);
   }
 
   UniqueFd fresh;
@@ -100,9 +73,9 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
   if (fstat(fresh.get(), &st) != 0) return systemFailure("fstat of the scope folder", errno);
   auto shared = std::make_shared<const KeptFolder>(std::move(fresh));
   {
-    std::lock_guard lock(c.mutex);
-    if (c.folders.size() >= cacheCapacity) c.folders.clear();
-    c.folders[scope.path] = CachedFolder{shared, st.st_dev, st.st_ino};
+    std::lock_guard lock(guarded.mutex);
+    if (folders.size() >= cacheCapacity) folders.clear();
+    folders[scope.path] = CachedFolder{shared, st.st_dev, st.st_ino};
   }
   folder = std::move(shared);
   return {};

@@ -1,17 +1,17 @@
 #include "mapping_cache.hpp"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <chrono>
 #include <cstdint>
 #include <list>
 #include <mutex>
-#include <new>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "process_state.hpp"
 
 namespace agent::spf::sharedmemory::detail {
 namespace {
@@ -34,40 +34,15 @@ struct Entry {
 };
 
 struct Cache {
-  std::mutex mutex;
   std::unordered_map<void*, Entry> entries;
   std::unordered_multimap<std::string, void*> byPath;  // reusable entries
   std::list<void*> idle;                               // oldest first
   std::size_t idleBytes = 0;
-  Cache* abandoned = nullptr;  // a forked child's unusable predecessor, kept reachable
 };
 
-// Never destroyed: handles may be released during the process's exit.
-Cache* theCache = nullptr;
-std::once_flag cacheOnce;
-
-// Runs in a forked child before fork() returns there. The child's copy of
-// the cache describes the child's copies of the mappings, so it stays valid,
-// unless another thread was changing it at the fork: then it is set aside
-// and the child starts afresh (its handles then unmap what they hold).
-void renewInForkedChild() noexcept {
-  if (theCache->mutex.try_lock()) {
-    theCache->mutex.unlock();
-    return;
-  }
-  Cache* fresh = new (std::nothrow) Cache;
-  if (fresh == nullptr) return;
-  fresh->abandoned = theCache;
-  theCache = fresh;
-}
-
-Cache& cache() {
-  std::call_once(cacheOnce, [] {
-    theCache = new Cache;
-    pthread_atfork(nullptr, nullptr, &renewInForkedChild);
-  });
-  return *theCache;
-}
+// The child's copy of the cache describes the child's copies of the
+// mappings; a child that gets a fresh cache unmaps what its handles hold.
+using ProcessCache = ProcessState<Cache>;
 
 void stopReuse(Cache& c, void* address, Entry& entry) {
   if (!entry.reusable) return;
@@ -110,11 +85,12 @@ std::string pathOf(const Scope& scope, const std::string& name) { return scope.p
 }  // namespace
 
 bool reuseMapping(const Scope& scope, const std::string& name, std::size_t size, CachedMapping& found) {
-  Cache& c = cache();
+  ProcessCache::Guarded& guarded = ProcessCache::get();
+  Cache& c = guarded.state;
   const std::string path = pathOf(scope, name);
   std::vector<std::pair<void*, std::size_t>> unmap;
   {
-    std::lock_guard lock(c.mutex);
+    std::lock_guard lock(guarded.mutex);
     trim(c, Clock::now(), unmap);
     auto range = c.byPath.equal_range(path);
     for (auto it = range.first; it != range.second && found.address == nullptr; ++it) {
@@ -144,14 +120,15 @@ bool reuseMapping(const Scope& scope, const std::string& name, std::size_t size,
 void adoptMapping(const Scope& scope, const std::string& name, std::size_t size,
                   const CachedMapping& mapping) noexcept {
   try {
-    Cache& c = cache();
+    ProcessCache::Guarded& guarded = ProcessCache::get();
+    Cache& c = guarded.state;
     Entry entry;
     entry.path = pathOf(scope, name);
     entry.size = size;
     entry.device = mapping.device;
     entry.inode = mapping.inode;
     entry.users = 1;
-    std::lock_guard lock(c.mutex);
+    std::lock_guard lock(guarded.mutex);
     auto [position, added] = c.entries.emplace(mapping.address, std::move(entry));
     if (!added) return;
     try {
@@ -165,12 +142,13 @@ void adoptMapping(const Scope& scope, const std::string& name, std::size_t size,
 }
 
 bool releaseMapping(void* address) noexcept {
-  if (theCache == nullptr) return false;
-  Cache& c = *theCache;
+  ProcessCache::Guarded* guarded = ProcessCache::ifMade();
+  if (guarded == nullptr) return false;
+  Cache& c = guarded->state;
   std::vector<std::pair<void*, std::size_t>> unmap;
   bool owned = false;
   try {
-    std::lock_guard lock(c.mutex);
+    std::lock_guard lock(guarded->mutex);
     auto found = c.entries.find(address);
     if (found != c.entries.end()) {
       owned = true;
@@ -197,9 +175,10 @@ bool releaseMapping(void* address) noexcept {
 }
 
 void forgetMapping(void* address) noexcept {
-  if (theCache == nullptr) return;
-  Cache& c = *theCache;
-  std::lock_guard lock(c.mutex);
+  ProcessCache::Guarded* guarded = ProcessCache::ifMade();
+  if (guarded == nullptr) return;
+  Cache& c = guarded->state;
+  std::lock_guard lock(guarded->mutex);
   auto found = c.entries.find(address);
   if (found != c.entries.end()) stopReuse(c, address, found->second);
 }

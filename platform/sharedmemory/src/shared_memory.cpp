@@ -472,31 +472,24 @@ SegmentReader SegmentReader::open(const ScopeFolder& opened, const std::string& 
                                   const std::string& trustee, SharedMemory::ImplementationSpecifications) {
   const char* operation = "find";
   try {
-    Scope resolved;
-    detail::SharedFolder shared;
-    const Scope* scope = &resolved;
-    int folder = -1;
-    Outcome outcome;
-    if (opened.isOpen()) {
-      scope = &opened.impl_->scope;
-      folder = opened.impl_->folder->get();
-    } else {
-      outcome = detail::resolveScope(trustee, resolved);
-      if (!outcome.ok()) {
-        logFailure(operation, resolved, false, name, trustee, outcome);
+    // Without a folder opened beforehand, the steps of find(): scope, then
+    // arguments, then folder.
+    ScopeFolder::Impl local;
+    const ScopeFolder::Impl& in = opened.isOpen() ? *opened.impl_ : local;
+    if (!opened.isOpen()) {
+      const Outcome resolved = detail::resolveScope(trustee, local.scope);
+      if (!resolved.ok()) {
+        logFailure(operation, local.scope, false, name, trustee, resolved);
         return SegmentReader();
       }
     }
-    if (outcome.ok()) outcome = checkArguments(name, size);
-    if (outcome.ok() && folder < 0) {
-      outcome = detail::shareScopeFolder(resolved, false, shared);
-      if (outcome.ok()) folder = shared->get();
-    }
+    Outcome outcome = checkArguments(name, size);
+    if (outcome.ok() && !opened.isOpen()) outcome = detail::shareScopeFolder(local.scope, false, local.folder);
     UniqueFd fd;
     struct stat st {};
-    if (outcome.ok()) outcome = openSegment(*scope, folder, name, size, fd, st);
+    if (outcome.ok()) outcome = openSegment(in.scope, in.folder->get(), name, size, fd, st);
     if (!outcome.ok()) {
-      logFailure(operation, *scope, true, name, trustee, outcome);
+      logFailure(operation, in.scope, true, name, trustee, outcome);
       return SegmentReader();
     }
     return SegmentReader(fd.release());
