@@ -32,6 +32,9 @@ namespace agent::spf::endpointregistry::handoff {
 // thread that is awake. Both stay well below the cost of a sleep and wake-up.
 constexpr std::chrono::microseconds workerSpin{100};
 constexpr std::chrono::microseconds callerSpin{50};
+// How much longer the work thread watches while an operation that will hand
+// it more jobs is under way (WorkThreadHold).
+constexpr std::chrono::microseconds heldWorkerSpin{1000};
 // How long a caller that had to wake the work thread spins for it to come
 // up on another core. Spinning keeps the caller's core busy, so that the
 // woken thread is placed on an idle core and the two do not end up taking
@@ -88,6 +91,12 @@ inline void recordWakeUpSpin(bool succeeded) noexcept { wakeUpSpinsFailed = succ
 // same core: that caller needs this very core to go on, so the thread does
 // not spin for its next job this time.
 inline thread_local bool leaveCoreToCaller = false;
+
+// Set on the work thread when it had to wake the caller of the job it just
+// ran. The caller may have been woken on this very core, behind the thread:
+// once done with the job, the thread lets it run before it watches for the
+// next job.
+inline thread_local bool wokeCaller = false;
 
 // The outcome of one job of executeAndSet, handed from the work thread to
 // the waiting caller: the job's value or exception, or the news that the
@@ -154,6 +163,7 @@ class Completion {
     state.store(outcome, std::memory_order_seq_cst);
     if (callerAsleep.load(std::memory_order_seq_cst)) {
       syscall(SYS_futex, stateWord(), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+      wokeCaller = true;
     }
     if (callerCpu == sched_getcpu()) leaveCoreToCaller = true;
   }

@@ -43,17 +43,54 @@ void forgetQueueInForkedChild() noexcept {
   ::new (static_cast<void*>(&currentQueue())) std::weak_ptr<WorkQueue>;
 }
 
+// Runs in the parent just before fork(). A caller has the outcome of its job
+// a moment before the work thread has destroyed the job; a child forked in
+// that moment would inherit the job's memory with nothing left to free it.
+// So the fork waits for the thread to drop it (briefly: a job that blocks on
+// another process's lock is not waited out).
+void dropJobBeforeFork() noexcept {
+  std::shared_ptr<WorkQueue> queue;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    queue = currentQueue().lock();
+  }
+  if (queue) (void)queue->awaitNoJobInHand(std::chrono::milliseconds(2));
+}
+
 std::once_flag forkHandlerOnce;
 
-// Registers the fork handler once per process. The registration comes before
+// Registers the fork handlers once per process. The registration comes before
 // the first queue is made, so no child can inherit a queue unnoticed.
 void registerForkHandler() {
-  std::call_once(forkHandlerOnce, [] { pthread_atfork(nullptr, nullptr, &forgetQueueInForkedChild); });
+  std::call_once(forkHandlerOnce, [] { pthread_atfork(&dropJobBeforeFork, nullptr, &forgetQueueInForkedChild); });
 }
 
 }  // namespace
 
-WorkQueue::WorkQueue() : creatorPid(getpid()) { thread = std::thread(&WorkQueue::run, this); }
+WorkQueue::WorkQueue() : creatorPid(getpid()) {
+  thread = std::thread(&WorkQueue::run, this);
+  startAwayFromCreator();
+}
+
+// A new thread is queued on its creator's core, where it cannot run before
+// the creator sleeps, and the first wake-up after that moves it to another
+// core, which on a virtual machine whose other core is idle can take long.
+// So it is sent to the other cores at once: it comes up there while its
+// creator goes on. Before its first job it takes back the CPUs it inherited,
+// staying where it is; the jobs are pushed only after this, so that its
+// taking them back cannot come first.
+void WorkQueue::startAwayFromCreator() noexcept {
+  if (!handoff::spinningHelps()) return;
+  cpu_set_t inherited;
+  if (sched_getaffinity(0, sizeof inherited, &inherited) != 0) return;
+  const int here = sched_getcpu();
+  if (here < 0 || here >= CPU_SETSIZE || !CPU_ISSET(here, &inherited)) return;
+  cpu_set_t elsewhere = inherited;
+  CPU_CLR(here, &elsewhere);
+  if (CPU_COUNT(&elsewhere) == 0) return;
+  if (pthread_setaffinity_np(thread.native_handle(), sizeof elsewhere, &elsewhere) != 0) return;
+  inheritedCpus = inherited;
+}
 
 WorkQueue::~WorkQueue() {
   if (getpid() != creatorPid) {
@@ -110,11 +147,17 @@ void WorkQueue::push(std::function<void()> job) {
 void WorkQueue::run() {
   awakeCpu.store(sched_getcpu(), std::memory_order_release);
   for (;;) {
+    // A caller woken on this core goes on before the thread watches.
+    if (std::exchange(handoff::wokeCaller, false)) sched_yield();
     // A job pushed soon after the last one is taken without sleeping.
     if (!std::exchange(handoff::leaveCoreToCaller, false)) {
-      handoff::spinUntil(
-          [this] { return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire); },
-          handoff::workerSpin);
+      const auto jobOrStop = [this] {
+        return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire);
+      };
+      if (!handoff::spinUntil(jobOrStop, handoff::workerSpin) && holds.load(std::memory_order_acquire) > 0) {
+        handoff::spinUntil([&] { return jobOrStop() || holds.load(std::memory_order_acquire) == 0; },
+                           handoff::heldWorkerSpin);
+      }
     }
     std::function<void()> job;
     {
@@ -130,6 +173,11 @@ void WorkQueue::run() {
       job = std::move(jobs.front());
       jobs.pop_front();
       jobCount.store(jobs.size(), std::memory_order_relaxed);
+      jobInHand.store(true, std::memory_order_relaxed);
+    }
+    if (inheritedCpus) {
+      (void)sched_setaffinity(0, sizeof *inheritedCpus, &*inheritedCpus);
+      inheritedCpus.reset();
     }
     try {
       job();
@@ -144,7 +192,18 @@ void WorkQueue::run() {
       } catch (...) {
       }
     }
+    job = nullptr;
+    jobInHand.store(false, std::memory_order_release);
   }
+}
+
+bool WorkQueue::awaitNoJobInHand(std::chrono::microseconds limit) const noexcept {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (jobInHand.load(std::memory_order_acquire)) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
 }
 
 std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
@@ -169,6 +228,10 @@ WorkThreadGuard WorkThreadGuard::holdThread() {
   guard.workQueue = processQueue();
   return guard;
 }
+
+WorkThreadHold::WorkThreadHold() : guard(WorkThreadGuard::holdThread()) { guard.queue()->beginHold(); }
+
+WorkThreadHold::~WorkThreadHold() { guard.queue()->endHold(); }
 
 WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, int& result) {
   auto completion = std::make_shared<handoff::Completion>();

@@ -17,11 +17,12 @@
 // microseconds, and one publication makes about ten hand-offs. So both sides
 // spin briefly before they sleep, as long as the other side runs on another
 // core: the work thread watches for the next job for a short while after
-// each one (unless that job's caller shares its core), and a caller watches
-// for its job's outcome while the thread is awake on another core, or for a
-// short while for a thread it had to wake to come up on one. The spins are
-// bounded and are skipped when the process may use only one CPU; sleeping
-// and waking work as before.
+// each one (unless that job's caller shares its core), longer while an
+// operation holds it (WorkThreadHold), and a caller watches for its job's
+// outcome while the thread is awake on another core, or for a short while
+// for a thread it had to wake to come up on one. A new thread is started
+// away from its creator's core. The spins are bounded and are skipped when
+// the process may use only one CPU; sleeping and waking work as before.
 //
 // Fork: a forked child forgets its parent's queue, so its first request
 // starts a work thread of its own. Guards inherited from the parent still
@@ -30,14 +31,17 @@
 // stopped, since its thread does not exist in the child.
 #pragma once
 
+#include <sched.h>
 #include <sys/types.h>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace agent::spf::endpointregistry {
@@ -64,8 +68,19 @@ class WorkQueue {
   static constexpr int notStarted = -2;
   int awakeOn() const noexcept { return awakeCpu.load(std::memory_order_acquire); }
 
+  // Waits at most `limit` for the thread to drop the job it holds (run or
+  // running); true once it holds none.
+  bool awaitNoJobInHand(std::chrono::microseconds limit) const noexcept;
+
+  // Operations under way that will hand the thread more jobs (see
+  // WorkThreadHold): while there is one, the thread watches for its next job
+  // longer before it sleeps.
+  void beginHold() noexcept { holds.fetch_add(1, std::memory_order_acq_rel); }
+  void endHold() noexcept { holds.fetch_sub(1, std::memory_order_acq_rel); }
+
  private:
   void run();
+  void startAwayFromCreator() noexcept;
   void abandonInForkedChild() noexcept;
 
   std::mutex mutex;
@@ -77,8 +92,14 @@ class WorkQueue {
   std::atomic<bool> stopSeen{false};
   std::atomic<std::size_t> jobCount{0};
   std::atomic<int> awakeCpu{notStarted};
+  std::atomic<int> holds{0};
+  std::atomic<bool> jobInHand{false};  // from taking a job until it is destroyed
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
+  // The CPUs that the thread inherited, while it is kept off its creator's
+  // core (see startAwayFromCreator). Written before the first job is pushed;
+  // read and cleared by the thread when it takes its first job.
+  std::optional<cpu_set_t> inheritedCpus;
 };
 
 class WorkThreadGuard {
@@ -98,9 +119,7 @@ class WorkThreadGuard {
   static WorkThreadGuard executeAndSet(std::function<int()>&& function, int& result);
 
   // A guard that runs nothing: it keeps the process's work thread (started
-  // here if none is live) for as long as it lives, so that a sequence of
-  // operations whose own guards come and go (a publication, a listing) uses
-  // one thread instead of starting and joining one for each.
+  // here if none is live) for as long as it lives.
   static WorkThreadGuard holdThread();
 
   // The queue this guard refers to (null after being moved from).
@@ -112,6 +131,29 @@ class WorkThreadGuard {
   static std::shared_ptr<WorkQueue> processQueue();
 
   std::shared_ptr<WorkQueue> workQueue;
+};
+
+// Holds the process's work thread for one operation that hands it several
+// jobs whose own guards come and go (a publication, a listing). The thread
+// is started here if none is live and is not stopped and started again
+// between the jobs. While a hold lasts, the thread, once awake on a core of
+// its own, watches for the next job for longer instead of going to sleep:
+// the caller's work between two jobs can outlast the usual watch (the first
+// time through, in a new process), and waking a sleeping thread on another
+// core costs far more than the watching. Dropping the last hold ends the
+// longer watch at once.
+class WorkThreadHold {
+ public:
+  WorkThreadHold();
+  ~WorkThreadHold();
+  WorkThreadHold(const WorkThreadHold&) = delete;
+  WorkThreadHold& operator=(const WorkThreadHold&) = delete;
+
+  // The queue this hold keeps.
+  const std::shared_ptr<WorkQueue>& queue() const noexcept { return guard.queue(); }
+
+ private:
+  WorkThreadGuard guard;
 };
 
 }  // namespace agent::spf::endpointregistry

@@ -52,7 +52,7 @@ DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> tr
   // process holds no endpoint) and joined once: right after the last
   // directory is read, while the thread is still awake, since reading the
   // records needs no thread.
-  std::optional<WorkThreadGuard> workThread(WorkThreadGuard::holdThread());
+  std::optional<WorkThreadHold> workThread(std::in_place);
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {

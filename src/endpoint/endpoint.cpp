@@ -26,7 +26,7 @@ Endpoint::Endpoint(const std::pair<std::string, std::string>& data, const std::s
 
   // The counts and the record's locks share one work thread, which the
   // record then keeps; without this each count would start and join one.
-  const WorkThreadGuard workThread = WorkThreadGuard::holdThread();
+  const WorkThreadHold workThread;
 
   // Optimistic duplicate detection: count, publish, count again. A second
   // record seen after publishing was published at the same moment by

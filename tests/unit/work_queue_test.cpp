@@ -1,6 +1,7 @@
 #include "concurrency/work_queue.hpp"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <atomic>
@@ -22,6 +23,7 @@
 
 namespace registry = agent::spf::endpointregistry;
 using registry::WorkThreadGuard;
+using registry::WorkThreadHold;
 using namespace std::chrono_literals;
 
 namespace {
@@ -50,6 +52,45 @@ WorkThreadGuard runAndRecord(RunPlace& place) {
       result);
   EXPECT_EQ(result, 7);
   return guard;
+}
+
+// The state letter of a thread of this process ('R' running, 'S' asleep),
+// or 0 if it cannot be read.
+char threadState(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const std::size_t end = text.rfind(") ");
+  return end == std::string::npos || end + 2 >= text.size() ? 0 : text[end + 2];
+}
+
+// Waits up to two seconds for the thread to be asleep; its last state.
+char awaitAsleep(pid_t tid) {
+  const auto deadline = std::chrono::steady_clock::now() + 2s;
+  char state = threadState(tid);
+  while (state != 'S' && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+    state = threadState(tid);
+  }
+  return state;
+}
+
+// The CPUs the calling thread may run on.
+cpu_set_t ownCpus() {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  EXPECT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0);
+  return cpus;
+}
+
+// The CPUs that the work thread has while it runs a job.
+cpu_set_t workThreadCpus(WorkThreadGuard& guard) {
+  cpu_set_t seen;
+  CPU_ZERO(&seen);
+  int result = -1;
+  guard = WorkThreadGuard::executeAndSet([&seen] { return sched_getaffinity(0, sizeof seen, &seen); }, result);
+  EXPECT_EQ(result, 0);
+  return seen;
 }
 
 // Sets a flag when the thread that touched it ends.
@@ -181,6 +222,94 @@ TEST(WorkQueueTest, HoldingTheThreadJoinsTheLiveQueueAndRunsNothing) {
   RunPlace later;
   WorkThreadGuard guard = runAndRecord(later);
   EXPECT_EQ(later.tid, place.tid);
+}
+
+TEST(WorkQueueTest, AHoldKeepsOneThreadForItsJobsAndItsEndJoinsIt) {
+  std::weak_ptr<registry::WorkQueue> heldQueue;
+  RunPlace first;
+  RunPlace second;
+  {
+    const WorkThreadHold hold;
+    ASSERT_NE(hold.queue(), nullptr);
+    heldQueue = hold.queue();
+    { WorkThreadGuard once = runAndRecord(first); }
+    { WorkThreadGuard again = runAndRecord(second); }
+    EXPECT_EQ(first.tid, second.tid);
+    EXPECT_EQ(first.id, hold.queue()->threadId());
+  }
+  EXPECT_TRUE(heldQueue.expired());
+}
+
+TEST(WorkQueueTest, AHoldJoinsTheLiveQueue) {
+  RunPlace place;
+  WorkThreadGuard running = runAndRecord(place);
+  const WorkThreadHold hold;
+  EXPECT_EQ(hold.queue(), running.queue());
+}
+
+// The thread watches for the next job longer while a hold lasts, but not
+// for ever: it falls asleep during the hold, and after it.
+TEST(WorkQueueTest, TheThreadFallsAsleepDuringAHoldAndAfterIt) {
+  RunPlace place;
+  WorkThreadGuard kept = WorkThreadGuard::holdThread();
+  {
+    const WorkThreadHold hold;
+    { WorkThreadGuard ran = runAndRecord(place); }
+    EXPECT_EQ(awaitAsleep(place.tid), 'S');
+    { WorkThreadGuard ranAgain = runAndRecord(place); }
+  }
+  EXPECT_EQ(awaitAsleep(place.tid), 'S');
+}
+
+// A new thread may be kept off its creator's core until it takes its first
+// job; its jobs run with the CPUs it inherited.
+TEST(WorkQueueTest, JobsRunWithTheCpusTheThreadInherited) {
+  const cpu_set_t mine = ownCpus();
+  WorkThreadGuard guard = WorkThreadGuard::holdThread();
+  cpu_set_t seen = workThreadCpus(guard);
+  EXPECT_TRUE(CPU_EQUAL(&seen, &mine));
+  seen = workThreadCpus(guard);
+  EXPECT_TRUE(CPU_EQUAL(&seen, &mine));
+}
+
+TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
+  const cpu_set_t mine = ownCpus();
+  int first = 0;
+  while (first < CPU_SETSIZE && !CPU_ISSET(first, &mine)) ++first;
+  ASSERT_LT(first, CPU_SETSIZE);
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(first, &one);
+  cpu_set_t seen;
+  CPU_ZERO(&seen);
+  // On a thread of its own, so that this test's thread keeps its CPUs.
+  std::thread creator([&] {
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    WorkThreadGuard guard = WorkThreadGuard::holdThread();
+    seen = workThreadCpus(guard);
+  });
+  creator.join();
+  EXPECT_TRUE(CPU_EQUAL(&seen, &one));
+}
+
+// A fork waits for the thread to drop the job it holds, so the thread must
+// tell when it holds none.
+TEST(WorkQueueTest, TellsWhenTheThreadHoldsNoJob) {
+  RunPlace place;
+  WorkThreadGuard guard = runAndRecord(place);
+  EXPECT_TRUE(guard.queue()->awaitNoJobInHand(2s));
+
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::promise<void> started;
+  WorkThreadGuard blocked([&started, released] {
+    started.set_value();
+    released.wait();
+  });
+  started.get_future().wait();
+  EXPECT_FALSE(guard.queue()->awaitNoJobInHand(1ms));
+  release.set_value();
+  EXPECT_TRUE(guard.queue()->awaitNoJobInHand(2s));
 }
 
 TEST(WorkQueueTest, StandardExceptionIsLoggedAndRethrown) {
