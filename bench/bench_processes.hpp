@@ -189,10 +189,13 @@ class SpawnedProgram {
 };
 
 // This program's own path, for starting it again in a helper mode.
-inline std::string selfPath() {
-  std::vector<char> buffer(4096);
-  const ssize_t n = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
-  return n > 0 ? std::string(buffer.data(), static_cast<std::size_t>(n)) : std::string();
+inline const std::string& selfPath() {
+  static const std::string path = [] {
+    std::vector<char> buffer(4096);
+    const ssize_t n = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    return n > 0 ? std::string(buffer.data(), static_cast<std::size_t>(n)) : std::string();
+  }();
+  return path;
 }
 
 // Writes one byte on standard output: a helper process's report.
@@ -202,27 +205,59 @@ inline void reportOnStdout() {
   }
 }
 
+// Starts this program with `arguments` and times it until its report
+// arrives; its end is awaited outside the timing. Empty if it did not report.
+inline std::optional<Clock::duration> startToReport(const std::vector<std::string>& arguments) {
+  const std::string& self = selfPath();
+  const auto start = Clock::now();
+  SpawnedProgram program(self, arguments);
+  if (!program.awaitReport()) return std::nullopt;
+  const auto elapsed = Clock::now() - start;
+  program.awaitEnd();
+  return elapsed;
+}
+
 // Starts this program once per iteration, with the arguments that
-// `arguments` gives for it, and times it until its report arrives; its end
-// is awaited outside the timing.
+// `arguments` gives for it, and times it until its report arrives.
 inline void timeStartToReport(benchmark::State& state, const std::function<std::vector<std::string>()>& arguments) {
-  const std::string self = selfPath();
   Samples samples;
   for (auto _ : state) {
-    const std::vector<std::string> these = arguments();
-    std::unique_ptr<SpawnedProgram> program;
-    bool reported = false;
-    samples.time(state, [&] {
-      program = std::make_unique<SpawnedProgram>(self, these);
-      reported = program->awaitReport();
-    });
-    if (!reported) {
+    const std::optional<Clock::duration> elapsed = startToReport(arguments());
+    if (!elapsed) {
       state.SkipWithError("the started program did not report");
       break;
     }
-    program->awaitEnd();
+    samples.add(state, *elapsed);
   }
   samples.report(state);
+}
+
+// Like timeStartToReport, but each iteration also starts the program with
+// `floorArguments` (first and second in turn), so that the figure and its
+// floor are measured side by side on a machine whose speed drifts; the
+// floor is reported as the counters start_median_ns and start_p99_ns.
+inline void timeStartToReportBesideFloor(benchmark::State& state, const std::vector<std::string>& floorArguments,
+                                         const std::function<std::vector<std::string>()>& arguments) {
+  Samples samples;
+  Samples floor;
+  bool floorFirst = true;
+  for (auto _ : state) {
+    const std::vector<std::string> these = arguments();
+    std::optional<Clock::duration> elapsed;
+    std::optional<Clock::duration> floorElapsed;
+    if (floorFirst) floorElapsed = startToReport(floorArguments);
+    elapsed = startToReport(these);
+    if (!floorFirst) floorElapsed = startToReport(floorArguments);
+    floorFirst = !floorFirst;
+    if (!elapsed || !floorElapsed) {
+      state.SkipWithError("the started program did not report");
+      break;
+    }
+    samples.add(state, *elapsed);
+    floor.addSide(*floorElapsed);
+  }
+  samples.report(state);
+  floor.report(state, 1, "start_");
 }
 
 // Sets the process's supplementary groups for its lifetime (root only) and

@@ -222,11 +222,15 @@ void killToNameGone(benchmark::State& state) {
   state.counters["listings"] = static_cast<double>(calls) / static_cast<double>(samples.size());
 }
 
-void startAndReport(benchmark::State& state, bool ownName) {
+void bareStart(benchmark::State& state) {
+  erbench::timeStartToReport(state, [] { return std::vector<std::string>{"--report"}; });
+}
+
+// Each iteration also times a bare start (the floor), side by side.
+void startAndOwnName(benchmark::State& state) {
   const std::string& address = busAddress();
-  erbench::timeStartToReport(state, [&] {
-    return ownName ? std::vector<std::string>{"--own-one", address, busName("new")}
-                   : std::vector<std::string>{"--report"};
+  erbench::timeStartToReportBesideFloor(state, {"--report"}, [&] {
+    return std::vector<std::string>{"--own-one", address, busName("new")};
   });
 }
 
@@ -238,10 +242,8 @@ void registerFigures(const Plan& plan) {
   }
   erbench::figure("bus/connection set-up", connectionSetUp, plan.iterations(1000));
   erbench::figure("bus/SIGKILL to name gone", killToNameGone, plan.iterations(200));
-  erbench::figure(
-      "bus/floor/process start", [](auto& s) { startAndReport(s, false); }, plan.iterations(200));
-  erbench::figure(
-      "bus/new process owns a name", [](auto& s) { startAndReport(s, true); }, plan.iterations(200));
+  erbench::figure("bus/floor/process start", bareStart, plan.iterations(200));
+  erbench::figure("bus/new process owns a name", startAndOwnName, plan.iterations(200));
 }
 
 bool runHelperMode(int argc, char** argv, int& code) {

@@ -1,7 +1,8 @@
 // Processes coming and going:
 // - a new process that starts, publishes one endpoint and reports it (one
 //   byte on its standard output), against its floor: the same program
-//   started to report at once;
+//   started to report at once, timed in the same iterations (and once more
+//   on its own);
 // - the time from SIGKILL of a publisher to the first listing that no
 //   longer shows its endpoint, against its floor: SIGKILL of a child to its
 //   reaping.
@@ -31,9 +32,12 @@ void bareStart(benchmark::State& state) {
   erbench::timeStartToReport(state, [] { return std::vector<std::string>{"--report"}; });
 }
 
+// Each iteration also times a bare start (the floor), side by side.
 void newProcessPublishes(benchmark::State& state) {
   const std::string tag = erbench::uniqueName("erBenchNew");
-  erbench::timeStartToReport(state, [&tag] { return std::vector<std::string>{"--publish-one", tag}; });
+  erbench::timeStartToReportBesideFloor(state, {"--report"}, [&tag] {
+    return std::vector<std::string>{"--publish-one", tag};
+  });
 }
 
 // A child that blocks until killed.

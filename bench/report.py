@@ -62,6 +62,11 @@ def listing_floor(figures, entry):
     return entry["items"] * read + entry["dir_median_ns"]
 
 
+def paired_start(figures, entry):
+    """The bare process start timed in the same iterations as the figure."""
+    return entry.get("start_median_ns")
+
+
 def rows():
     """(label, figure name, floor function, bus figure name)."""
     const = lambda name, factor=1: (lambda figures, entry: scaled(figures, name, factor))
@@ -84,7 +89,7 @@ def rows():
          "bus/ListNames:100"),
         ("listFromAllTrustees, 2 groups (300 records)", "listFromAllTrustees/2 groups", listing_floor,
          "bus/ListNames:100"),
-        ("new process publishes one endpoint", "new process publishes one", const(START),
+        ("new process publishes one endpoint", "new process publishes one", paired_start,
          "bus/new process owns a name"),
         ("SIGKILL of a publisher to gone from listing", "SIGKILL to gone from listing", const(KILL),
          "bus/SIGKILL to name gone"),
@@ -97,7 +102,7 @@ def rows():
     table += [(f"bus: ListNames, {n} names owned", f"bus/ListNames:{n}", None, None) for n in SIZES]
     table += [
         ("bus: connection set-up", "bus/connection set-up", None, None),
-        ("bus: new process owns a name", "bus/new process owns a name", const("bus/floor/process start"), None),
+        ("bus: new process owns a name", "bus/new process owns a name", paired_start, None),
         ("bus: SIGKILL of an owner to name gone", "bus/SIGKILL to name gone", const(KILL), None),
     ]
     table += [(f"floor: {name[len('floor/'):]}", name, None, None)
@@ -162,9 +167,10 @@ def targets(figures):
                 # median ≤ 1.15 × (records × floor) + one directory read
                 check(f"list N={n} ({who}): (median − directory read) / (records × read floor) ≤ 1.15",
                       (entry["median_ns"] - entry["dir_median_ns"]) / (entry["items"] * read), 1.15)
-    new, start = median(figures, "new process publishes one"), median(figures, START)
-    if new and start:
-        check("new process publishing ≤ 1.2× bare process start", new / start, 1.2)
+    entry = figures.get("new process publishes one")
+    if entry and entry.get("start_median_ns"):
+        # Against the bare starts timed in the same iterations.
+        check("new process publishing ≤ 1.2× bare process start", entry["median_ns"] / entry["start_median_ns"], 1.2)
     first = figures.get("publish+withdraw/own:10")
     for n in SIZES[1:]:
         entry = figures.get(f"publish+withdraw/own:{n}")
