@@ -141,17 +141,25 @@ class ChildHolding {
   int fromChild = -1;
 };
 
-// Starts `program` with `arguments` (posix_spawn) and its standard output
-// on a pipe. start() returns once the program is running; awaitReport()
-// waits for its first output byte.
+// Starts `program` with `arguments` (posix_spawn), its standard output and
+// standard input on pipes. awaitReport() waits for its first output byte;
+// awaitEnd() closes its input, which lets a helper that waits for that (see
+// awaitRelease) end, and waits for it.
 class SpawnedProgram {
  public:
   SpawnedProgram(const std::string& program, const std::vector<std::string>& arguments) {
     int out[2];
+    int in[2];
     if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    if (pipe2(in, O_CLOEXEC) != 0) {
+      close(out[0]);
+      close(out[1]);
+      throw std::runtime_error("pipe failed");
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -160,9 +168,12 @@ class SpawnedProgram {
     const int result = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
+    close(in[0]);
     output = out[0];
+    input = in[1];
     if (result != 0) {
       close(output);
+      close(input);
       throw std::runtime_error("posix_spawn failed");
     }
   }
@@ -172,13 +183,16 @@ class SpawnedProgram {
       reap(pid);
     }
     close(output);
+    if (input >= 0) close(input);
   }
   SpawnedProgram(const SpawnedProgram&) = delete;
   SpawnedProgram& operator=(const SpawnedProgram&) = delete;
 
   bool awaitReport(std::chrono::milliseconds timeout = std::chrono::seconds(30)) { return awaitByte(output, timeout); }
-  // Waits for the program to end on its own (after it reported).
+  // Lets the program go on past its report and waits for it to end.
   void awaitEnd() {
+    if (input >= 0) close(input);
+    input = -1;
     if (pid > 0) reap(pid);
     pid = -1;
   }
@@ -186,6 +200,7 @@ class SpawnedProgram {
  private:
   pid_t pid = -1;
   int output = -1;
+  int input = -1;
 };
 
 // This program's own path, for starting it again in a helper mode.
@@ -202,6 +217,17 @@ inline const std::string& selfPath() {
 inline void reportOnStdout() {
   const char byte = '1';
   while (write(1, &byte, 1) < 0 && errno == EINTR) {
+  }
+}
+
+// In a helper, after its report: waits until the starting process closes
+// this one's standard input. What the helper does after its report (ending,
+// withdrawing its endpoint) then does not compete with the starting process
+// for a core while it takes the report.
+inline void awaitRelease() {
+  char byte = 0;
+  while (read(0, &byte, 1) != 0) {
+    if (errno != EINTR) break;
   }
 }
 

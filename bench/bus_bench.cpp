@@ -249,6 +249,7 @@ void registerFigures(const Plan& plan) {
 bool runHelperMode(int argc, char** argv, int& code) {
   if (argc == 2 && std::strcmp(argv[1], "--report") == 0) {
     erbench::reportOnStdout();
+    erbench::awaitRelease();
     code = 0;
     return true;
   }
@@ -256,6 +257,7 @@ bool runHelperMode(int argc, char** argv, int& code) {
     Connection connection(argv[2]);
     connection.requestName(argv[3]);
     erbench::reportOnStdout();
+    erbench::awaitRelease();
     code = 0;
     return true;
   }

@@ -95,12 +95,14 @@ void registerFigures(const Plan& plan) {
 bool runHelperMode(int argc, char** argv, int& code) {
   if (argc == 2 && std::strcmp(argv[1], "--report") == 0) {
     erbench::reportOnStdout();
+    erbench::awaitRelease();
     code = 0;
     return true;
   }
   if (argc == 3 && std::strcmp(argv[1], "--publish-one") == 0) {
     Endpoint endpoint = Endpoint::publish("10.8.8.8", "1", argv[2]);
     erbench::reportOnStdout();
+    erbench::awaitRelease();
     code = 0;
     return true;
   }
