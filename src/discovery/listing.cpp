@@ -53,6 +53,8 @@ DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> tr
   // directory is read, while the thread is still awake, since reading the
   // records needs no thread.
   std::optional<WorkThreadHold> workThread(std::in_place);
+  // Each scope folder is checked once for all the segment calls made here.
+  const agent::spf::sharedmemory::FolderTrust oneCheck;
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include <agent/spf/sharedmemory/shared_memory.hpp>
+
 #include "concurrency/work_queue.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "endpoint/endpoint_impl.hpp"
@@ -27,6 +29,8 @@ Endpoint::Endpoint(const std::pair<std::string, std::string>& data, const std::s
   // The counts and the record's locks share one work thread, which the
   // record then keeps; without this each count would start and join one.
   const WorkThreadHold workThread;
+  // The scope folder is checked once for all the segment calls made here.
+  const agent::spf::sharedmemory::FolderTrust oneCheck;
 
   // Optimistic duplicate detection: count, publish, count again. A second
   // record seen after publishing was published at the same moment by
@@ -68,6 +72,7 @@ Endpoint& Endpoint::operator=(Endpoint&& other) {
 }
 
 Endpoint::~Endpoint() {
+  const agent::spf::sharedmemory::FolderTrust oneCheck;
   if (ownRecord && lifetimeLogger().isEnabled(LifetimeTrace)) {
     logMessage(lifetimeLogger(), LifetimeTrace, "Endpoint: Destructing ", ownRecord->getGroupTag());
   }

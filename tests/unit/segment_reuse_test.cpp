@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using agent::spf::sharedmemory::FolderTrust;
 using agent::spf::sharedmemory::SegmentReader;
 using agent::spf::sharedmemory::SharedMemory;
 using er::test::uniqueName;
@@ -46,6 +48,28 @@ std::string textOf(const SharedMemory& segment) { return static_cast<const char*
 
 // Finds the segment, reads its text and lets go of it (its mapping may be
 // kept for the next find).
+// Moves the user's scope folder aside and puts a folder that others may
+// enter in its place; puts the real folder back when it goes.
+struct FolderAside {
+  FolderAside() {
+    moved = rename(userScope().c_str(), aside.c_str()) == 0;
+    if (moved) {
+      EXPECT_EQ(mkdir(userScope().c_str(), 0755), 0);
+      EXPECT_EQ(chmod(userScope().c_str(), 0755), 0);
+    }
+  }
+  ~FolderAside() {
+    if (!moved) return;
+    rmdir(userScope().c_str());
+    if (rename(aside.c_str(), userScope().c_str()) != 0) std::perror("restoring the scope folder");
+  }
+  FolderAside(const FolderAside&) = delete;
+  FolderAside& operator=(const FolderAside&) = delete;
+
+  const std::string aside = userScope() + ".aside" + std::to_string(getpid());
+  bool moved = false;
+};
+
 std::string findText(const std::string& name, std::size_t size) {
   SharedMemory segment = SharedMemory::find(name, size, "", posix);
   return segment.isAttached() ? textOf(segment) : std::string("<unattached>");
@@ -193,20 +217,8 @@ TEST_F(SegmentReuseTest, AReplacedScopeFolderIsCheckedAfresh) {
   makeSegment(name, 64, "before");
   EXPECT_EQ(findText(name, 64), "before");
   {
-    // Puts the real folder back whatever happens below.
-    struct FolderAside {
-      const std::string aside = userScope() + ".aside" + std::to_string(getpid());
-      bool moved = rename(userScope().c_str(), aside.c_str()) == 0;
-      ~FolderAside() {
-        if (!moved) return;
-        rmdir(userScope().c_str());
-        if (rename(aside.c_str(), userScope().c_str()) != 0) std::perror("restoring the scope folder");
-      }
-    } folderAside;
+    const FolderAside folderAside;
     ASSERT_TRUE(folderAside.moved);
-    // A folder that others may enter stands in its place.
-    ASSERT_EQ(mkdir(userScope().c_str(), 0755), 0);
-    ASSERT_EQ(chmod(userScope().c_str(), 0755), 0);
     er::test::LogCapture capture(channel + "=all");
     const std::string found = findText(name, 64);
     const auto records = capture.records();
@@ -217,6 +229,28 @@ TEST_F(SegmentReuseTest, AReplacedScopeFolderIsCheckedAfresh) {
   // The real folder is back, and used again.
   EXPECT_EQ(findText(name, 64), "before");
   EXPECT_TRUE(SegmentReader::open(name, 64, "", posix).isOpen());
+}
+
+// Within one operation the folder is checked once; a folder replaced during
+// the operation is noticed by the next one.
+TEST_F(SegmentReuseTest, AFolderReplacedDuringAnOperationIsNoticedByTheNext) {
+  if (geteuid() != 0) GTEST_SKIP() << "moving the user's scope folder aside needs a private user";
+  makeSegment(name, 64, "before");
+  {
+    std::optional<FolderTrust> operation(std::in_place);
+    EXPECT_EQ(findText(name, 64), "before");
+    const FolderAside folderAside;
+    ASSERT_TRUE(folderAside.moved);
+    EXPECT_EQ(findText(name, 64), "before");
+    EXPECT_TRUE(SegmentReader::open(name, 64, "", posix).isOpen());
+    operation.reset();
+    EXPECT_EQ(findText(name, 64), "<unattached>");
+    {
+      const FolderTrust next;
+      EXPECT_EQ(findText(name, 64), "<unattached>");
+    }
+  }
+  EXPECT_EQ(findText(name, 64), "before");
 }
 
 TEST_F(SegmentReuseTest, ReaderReadsTheCurrentBytesWithoutMapping) {

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
+#include "agent/spf/sharedmemory/shared_memory.hpp"
 #include "process_state.hpp"
 
 namespace agent::spf::sharedmemory::detail {
@@ -41,6 +44,20 @@ bool stillThere(const Scope& scope, const CachedFolder& cached) {
          st.st_ino == cached.inode && scope.checkFolder(st).ok();
 }
 
+// The folder trust of this thread (see FolderTrust): how many trusts are
+// open, and the folders found in place since the outermost one opened. The
+// list holds them, so that no other folder can take one's address meanwhile.
+thread_local int trustDepth = 0;
+thread_local std::vector<SharedFolder> trustedFolders;
+
+bool trusted(const SharedFolder& folder) {
+  return trustDepth > 0 && std::find(trustedFolders.begin(), trustedFolders.end(), folder) != trustedFolders.end();
+}
+
+void trust(const SharedFolder& folder) {
+  if (trustDepth > 0) trustedFolders.push_back(folder);
+}
+
 }  // namespace
 
 KeptFolder::~KeptFolder() {
@@ -57,7 +74,12 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
     if (found != folders.end()) cached = found->second;
   }
   if (cached.folder != nullptr) {
+    if (trusted(cached.folder)) {
+      folder = std::move(cached.folder);
+      return {};
+    }
     if (stillThere(scope, cached)) {
+      trust(cached.folder);
       folder = std::move(cached.folder);
       return {};
     }
@@ -77,8 +99,31 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
     if (folders.size() >= cacheCapacity) folders.clear();
     folders[scope.path] = CachedFolder{shared, st.st_dev, st.st_ino};
   }
+  trust(shared);
   folder = std::move(shared);
   return {};
 }
 
+SharedFolder trustedScopeFolder(const std::string& path) {
+  if (trustDepth == 0) return nullptr;
+  ProcessFolders::Guarded& guarded = ProcessFolders::get();
+  SharedFolder folder;
+  {
+    std::lock_guard lock(guarded.mutex);
+    auto found = guarded.state.find(path);
+    if (found != guarded.state.end()) folder = found->second.folder;
+  }
+  return folder != nullptr && trusted(folder) ? folder : nullptr;
+}
+
 }  // namespace agent::spf::sharedmemory::detail
+
+namespace agent::spf::sharedmemory {
+
+FolderTrust::FolderTrust() noexcept { ++detail::trustDepth; }
+
+FolderTrust::~FolderTrust() {
+  if (--detail::trustDepth == 0) detail::trustedFolders.clear();
+}
+
+}  // namespace agent::spf::sharedmemory

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "scope.hpp"
 
@@ -46,5 +47,9 @@ using SharedFolder = std::shared_ptr<const KeptFolder>;
 // the folder at the scope's path and still acceptable, else one opened
 // afresh, which is then cached. Outcomes as openScopeFolder's.
 Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder& folder);
+
+// The kept folder of the scope at `path` if this thread has found it in
+// place within its current FolderTrust; null otherwise.
+SharedFolder trustedScopeFolder(const std::string& path);
 
 }  // namespace agent::spf::sharedmemory::detail

@@ -433,8 +433,10 @@ void SharedMemory::release() noexcept {
 void SharedMemory::removeName(const char* operation) noexcept {
   try {
     Outcome outcome;
-    UniqueFd folder(::open(scopePath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (folder.valid()) {
+    if (const detail::SharedFolder trusted = detail::trustedScopeFolder(scopePath_)) {
+      outcome = detail::removeIfSame(trusted->get(), name_, device_, inode_);
+    } else if (UniqueFd folder(::open(scopePath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+               folder.valid()) {
       outcome = detail::removeIfSame(folder.get(), name_, device_, inode_);
     } else if (errno != ENOENT) {
       outcome = detail::systemFailure("open of the scope folder", errno);

@@ -125,6 +125,21 @@ class ScopeFolder {
   std::shared_ptr<const Impl> impl_;
 };
 
+// One operation made of several segment calls on this thread (a
+// publication, a listing). Every call checks that its scope folder is still
+// the one at the scope's path, a stat of the folder's descriptor and one of
+// its path; while an object of this class lives on the thread, a folder that
+// the thread has found in place is trusted for the rest of the operation
+// instead. A folder replaced meanwhile is noticed by the next operation.
+// Nests; for the calling thread only.
+class FolderTrust {
+ public:
+  FolderTrust() noexcept;
+  ~FolderTrust();
+  FolderTrust(const FolderTrust&) = delete;
+  FolderTrust& operator=(const FolderTrust&) = delete;
+};
+
 // An existing segment opened for reading with read calls instead of a
 // mapping: a reader that looks at a segment once and briefly saves the map,
 // the unmap (which, in a process with other running threads, interrupts
