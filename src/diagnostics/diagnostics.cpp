@@ -12,9 +12,18 @@ DiagnosticLogger& mainLogger() {
   return logger;
 }
 
+namespace {
+const char* const lifetimeChannel = "detail::agent::spf::endpointregistry::endpointmoveanddestruction";
+}  // namespace
+
 DiagnosticLogger& lifetimeLogger() {
-  static DiagnosticLogger logger("detail::agent::spf::endpointregistry::endpointmoveanddestruction");
+  static DiagnosticLogger logger(lifetimeChannel);
   return logger;
+}
+
+bool lifetimeLevelEnabled(unsigned level) {
+  static const foundation::log::channel_levels levels(lifetimeChannel);
+  return levels.isEnabled(level);
 }
 
 std::string caughtExceptionText() {

@@ -28,6 +28,11 @@ enum LogLevel : unsigned {
 DiagnosticLogger& mainLogger();
 // "detail::agent::spf::endpointregistry::endpointmoveanddestruction".
 DiagnosticLogger& lifetimeLogger();
+// Whether `level` is enabled on the lifetime channel, tested on the channel's
+// shared mask without making its logger: making the first logger of a
+// process sets up Boost.Log, which a silent process never needs, and every
+// endpoint tests this level when it is destroyed.
+bool lifetimeLevelEnabled(unsigned level);
 
 // The name of the registry's name directory, "qzEndpointRegistry".
 extern const std::string registryDirectoryName;

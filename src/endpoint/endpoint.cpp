@@ -56,7 +56,7 @@ Endpoint::Endpoint(Endpoint&& other) noexcept
 Endpoint& Endpoint::operator=(Endpoint&& other) {
   if (this == &other) return *this;
   try {
-    if (ownRecord && other.ownRecord && lifetimeLogger().isEnabled(LifetimeTrace)) {
+    if (ownRecord && other.ownRecord && lifetimeLevelEnabled(LifetimeTrace)) {
       logMessage(lifetimeLogger(), LifetimeTrace, "Endpoint: Moving ", other.ownRecord->getGroupTag());
     }
     // The previous own record is withdrawn here, before the previous trustee records.
@@ -73,7 +73,7 @@ Endpoint& Endpoint::operator=(Endpoint&& other) {
 
 Endpoint::~Endpoint() {
   const agent::spf::sharedmemory::FolderTrust oneCheck;
-  if (ownRecord && lifetimeLogger().isEnabled(LifetimeTrace)) {
+  if (ownRecord && lifetimeLevelEnabled(LifetimeTrace)) {
     logMessage(lifetimeLogger(), LifetimeTrace, "Endpoint: Destructing ", ownRecord->getGroupTag());
   }
   for (auto& record : trusteeRecords) record.reset();
