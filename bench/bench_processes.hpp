@@ -226,8 +226,10 @@ inline void reportOnStdout() {
 // for a core while it takes the report.
 inline void awaitRelease() {
   char byte = 0;
-  while (read(0, &byte, 1) != 0) {
-    if (errno != EINTR) break;
+  for (;;) {
+    const ssize_t n = read(0, &byte, 1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n != 1) return;  // closed, or unreadable
   }
 }
 
