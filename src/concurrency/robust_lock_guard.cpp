@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -12,7 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "diagnostics/diagnostics.hpp"
 
@@ -25,11 +25,18 @@ namespace {
 // elision, destroyed, or garbage) are never handed to pthread functions: on
 // some of them glibc aborts in an assertion or executes an instruction the
 // processor lacks.
-std::vector<int> plainMutexKinds() {
+// The kinds are kept without heap memory: they are first asked for on the
+// work thread, whose first allocation would set up a malloc arena of its
+// own in the middle of a lock.
+constexpr int mutexTypeCount = 5;
+using MutexKinds = std::array<int, mutexTypeCount * 2 * 2>;
+
+MutexKinds plainMutexKinds() {
   constexpr int defaultType = -1;  // no type set
-  std::vector<int> kinds;
-  const int types[] = {defaultType, PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_RECURSIVE, PTHREAD_MUTEX_ERRORCHECK,
-                       PTHREAD_MUTEX_ADAPTIVE_NP};
+  MutexKinds kinds{};
+  std::size_t count = 0;
+  const int types[mutexTypeCount] = {defaultType, PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_RECURSIVE,
+                                     PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_ADAPTIVE_NP};
   for (int type : types) {
     for (int robust : {int{PTHREAD_MUTEX_STALLED}, int{PTHREAD_MUTEX_ROBUST}}) {
       for (int shared : {int{PTHREAD_PROCESS_PRIVATE}, int{PTHREAD_PROCESS_SHARED}}) {
@@ -40,7 +47,7 @@ std::vector<int> plainMutexKinds() {
         pthread_mutexattr_setpshared(&attributes, shared);
         pthread_mutex_t scratch;
         pthread_mutex_init(&scratch, &attributes);
-        kinds.push_back(scratch.__data.__kind);
+        kinds[count++] = scratch.__data.__kind;
         pthread_mutex_destroy(&scratch);
         pthread_mutexattr_destroy(&attributes);
       }
@@ -52,7 +59,7 @@ std::vector<int> plainMutexKinds() {
 // True when the mutex is of a plain kind, whatever its other bytes hold. The
 // mutex lives in shared memory that other processes write.
 bool hasPlainKind(const pthread_mutex_t* mutex) {
-  static const std::vector<int> kinds = plainMutexKinds();
+  static const MutexKinds kinds = plainMutexKinds();
   const int kind = std::atomic_ref<int>(const_cast<int&>(mutex->__data.__kind)).load(std::memory_order_relaxed);
   return std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
 }
