@@ -28,7 +28,9 @@
 // starts a work thread of its own. Guards inherited from the parent still
 // refer to the parent's queue object; when the child drops the last of them,
 // the queue is abandoned (never joined, its state leaked) rather than
-// stopped, since its thread does not exist in the child.
+// stopped, since its thread does not exist in the child. A fork waits
+// briefly for the thread to drop a job whose caller already has its outcome,
+// so that the child does not inherit the job's memory half-way.
 #pragma once
 
 #include <sched.h>
