@@ -182,12 +182,24 @@ Outcome Scope::checkFolder(const struct stat& st) const {
   return {};
 }
 
+namespace {
+
+// The path of a scope folder: the root, then `kind` ('u' or 'g') and the id.
+std::string folderPath(char kind, unsigned id) {
+  std::string path = shmRoot;
+  path += kind;
+  path += std::to_string(id);
+  return path;
+}
+
+}  // namespace
+
 Outcome resolveScope(const std::string& trustee, Scope& scope) {
   if (trustee.empty()) {
     scope.groupScope = false;
     scope.owner = geteuid();
     scope.group = 0;
-    scope.path = shmRoot + ("u" + std::to_string(scope.owner));
+    scope.path = folderPath('u', scope.owner);
     scope.folderMode = userFolderMode;
     scope.segmentMode = userSegmentMode;
     return {};
@@ -199,7 +211,7 @@ Outcome resolveScope(const std::string& trustee, Scope& scope) {
   scope.groupScope = true;
   scope.owner = geteuid();
   scope.group = gid;
-  scope.path = shmRoot + ("g" + std::to_string(gid));
+  scope.path = folderPath('g', gid);
   scope.folderMode = groupFolderMode;
   scope.segmentMode = groupSegmentMode;
   return {};
