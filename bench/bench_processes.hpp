@@ -16,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -213,18 +214,14 @@ inline const std::string& selfPath() {
   return path;
 }
 
-// Writes one byte on standard output: a helper process's report.
-inline void reportOnStdout() {
-  const char byte = '1';
-  while (write(1, &byte, 1) < 0 && errno == EINTR) {
+// In a helper process: writes its report (one byte on standard output),
+// then waits until the starting process closes its standard input. What the
+// helper does after its report (ending, withdrawing its endpoint) then does
+// not compete with the starting process for a core while it takes the report.
+inline void reportAndAwaitRelease() {
+  const char report = '1';
+  while (write(1, &report, 1) < 0 && errno == EINTR) {
   }
-}
-
-// In a helper, after its report: waits until the starting process closes
-// this one's standard input. What the helper does after its report (ending,
-// withdrawing its endpoint) then does not compete with the starting process
-// for a core while it takes the report.
-inline void awaitRelease() {
   char byte = 0;
   for (;;) {
     const ssize_t n = read(0, &byte, 1);
@@ -232,6 +229,13 @@ inline void awaitRelease() {
     if (n != 1) return;  // closed, or unreadable
   }
 }
+
+// The helper mode in which a program started afresh only reports: the floor
+// of every figure that starts a program.
+inline constexpr const char* bareStartMode = "--report";
+
+// True when `argv` asks for the bare start mode.
+inline bool isBareStart(int argc, char** argv) { return argc == 2 && std::strcmp(argv[1], bareStartMode) == 0; }
 
 // Starts this program with `arguments` and times it until its report
 // arrives; its end is awaited outside the timing. Empty if it did not report.
@@ -245,12 +249,12 @@ inline std::optional<Clock::duration> startToReport(const std::vector<std::strin
   return elapsed;
 }
 
-// Starts this program once per iteration, with the arguments that
-// `arguments` gives for it, and times it until its report arrives.
-inline void timeStartToReport(benchmark::State& state, const std::function<std::vector<std::string>()>& arguments) {
+// Starts this program in the bare start mode once per iteration and times
+// it until its report arrives.
+inline void timeBareStart(benchmark::State& state) {
   Samples samples;
   for (auto _ : state) {
-    const std::optional<Clock::duration> elapsed = startToReport(arguments());
+    const std::optional<Clock::duration> elapsed = startToReport({bareStartMode});
     if (!elapsed) {
       state.SkipWithError("the started program did not report");
       break;
@@ -260,22 +264,22 @@ inline void timeStartToReport(benchmark::State& state, const std::function<std::
   samples.report(state);
 }
 
-// Like timeStartToReport, but each iteration also starts the program with
-// `floorArguments` (first and second in turn), so that the figure and its
-// floor are measured side by side on a machine whose speed drifts; the
+// Starts this program once per iteration with the arguments that
+// `arguments` gives, and times it until its report arrives. Each iteration
+// also times a bare start (first and second in turn), so that the figure and
+// its floor are measured side by side on a machine whose speed drifts; the
 // floor is reported as the counters start_median_ns and start_p99_ns.
-inline void timeStartToReportBesideFloor(benchmark::State& state, const std::vector<std::string>& floorArguments,
-                                         const std::function<std::vector<std::string>()>& arguments) {
+inline void timeStartBesideBareStart(benchmark::State& state,
+                                     const std::function<std::vector<std::string>()>& arguments) {
   Samples samples;
   Samples floor;
   bool floorFirst = true;
   for (auto _ : state) {
     const std::vector<std::string> these = arguments();
-    std::optional<Clock::duration> elapsed;
     std::optional<Clock::duration> floorElapsed;
-    if (floorFirst) floorElapsed = startToReport(floorArguments);
-    elapsed = startToReport(these);
-    if (!floorFirst) floorElapsed = startToReport(floorArguments);
+    if (floorFirst) floorElapsed = startToReport({bareStartMode});
+    const std::optional<Clock::duration> elapsed = startToReport(these);
+    if (!floorFirst) floorElapsed = startToReport({bareStartMode});
     floorFirst = !floorFirst;
     if (!elapsed || !floorElapsed) {
       state.SkipWithError("the started program did not report");

@@ -222,14 +222,10 @@ void killToNameGone(benchmark::State& state) {
   state.counters["listings"] = static_cast<double>(calls) / static_cast<double>(samples.size());
 }
 
-void bareStart(benchmark::State& state) {
-  erbench::timeStartToReport(state, [] { return std::vector<std::string>{"--report"}; });
-}
-
 // Each iteration also times a bare start (the floor), side by side.
 void startAndOwnName(benchmark::State& state) {
   const std::string& address = busAddress();
-  erbench::timeStartToReportBesideFloor(state, {"--report"}, [&] {
+  erbench::timeStartBesideBareStart(state, [&] {
     return std::vector<std::string>{"--own-one", address, busName("new")};
   });
 }
@@ -242,22 +238,20 @@ void registerFigures(const Plan& plan) {
   }
   erbench::figure("bus/connection set-up", connectionSetUp, plan.iterations(1000));
   erbench::figure("bus/SIGKILL to name gone", killToNameGone, plan.iterations(200));
-  erbench::figure("bus/floor/process start", bareStart, plan.iterations(200));
+  erbench::figure("bus/floor/process start", erbench::timeBareStart, plan.iterations(200));
   erbench::figure("bus/new process owns a name", startAndOwnName, plan.iterations(200));
 }
 
 bool runHelperMode(int argc, char** argv, int& code) {
-  if (argc == 2 && std::strcmp(argv[1], "--report") == 0) {
-    erbench::reportOnStdout();
-    erbench::awaitRelease();
+  if (erbench::isBareStart(argc, argv)) {
+    erbench::reportAndAwaitRelease();
     code = 0;
     return true;
   }
   if (argc == 4 && std::strcmp(argv[1], "--own-one") == 0) {
     Connection connection(argv[2]);
     connection.requestName(argv[3]);
-    erbench::reportOnStdout();
-    erbench::awaitRelease();
+    erbench::reportAndAwaitRelease();
     code = 0;
     return true;
   }

@@ -27,17 +27,10 @@ using agent::spf::endpointregistry::Endpoint;
 using erbench::Plan;
 using erbench::Samples;
 
-// The program starts in a helper mode, reports and ends (see main()).
-void bareStart(benchmark::State& state) {
-  erbench::timeStartToReport(state, [] { return std::vector<std::string>{"--report"}; });
-}
-
 // Each iteration also times a bare start (the floor), side by side.
 void newProcessPublishes(benchmark::State& state) {
   const std::string tag = erbench::uniqueName("erBenchNew");
-  erbench::timeStartToReportBesideFloor(state, {"--report"}, [&tag] {
-    return std::vector<std::string>{"--publish-one", tag};
-  });
+  erbench::timeStartBesideBareStart(state, [&tag] { return std::vector<std::string>{"--publish-one", tag}; });
 }
 
 // A child that blocks until killed.
@@ -85,7 +78,7 @@ void killToGone(benchmark::State& state) {
 }
 
 void registerFigures(const Plan& plan) {
-  erbench::figure("floor/process start", bareStart, plan.iterations(200));
+  erbench::figure("floor/process start", erbench::timeBareStart, plan.iterations(200));
   erbench::figure("new process publishes one", newProcessPublishes, plan.iterations(200));
   erbench::figure("floor/SIGKILL to reaped", killToReaped, plan.iterations(200));
   erbench::figure("SIGKILL to gone from listing", killToGone, plan.iterations(200));
@@ -93,16 +86,14 @@ void registerFigures(const Plan& plan) {
 
 // The helper modes; false when `argv` asks for none.
 bool runHelperMode(int argc, char** argv, int& code) {
-  if (argc == 2 && std::strcmp(argv[1], "--report") == 0) {
-    erbench::reportOnStdout();
-    erbench::awaitRelease();
+  if (erbench::isBareStart(argc, argv)) {
+    erbench::reportAndAwaitRelease();
     code = 0;
     return true;
   }
   if (argc == 3 && std::strcmp(argv[1], "--publish-one") == 0) {
     Endpoint endpoint = Endpoint::publish("10.8.8.8", "1", argv[2]);
-    erbench::reportOnStdout();
-    erbench::awaitRelease();
+    erbench::reportAndAwaitRelease();
     code = 0;
     return true;
   }

@@ -80,7 +80,6 @@ WorkQueue::WorkQueue() : creatorPid(getpid()) {
 // staying where it is; the jobs are pushed only after this, so that its
 // taking them back cannot come first.
 void WorkQueue::startAwayFromCreator() noexcept {
-  if (!handoff::spinningHelps()) return;
   cpu_set_t inherited;
   if (sched_getaffinity(0, sizeof inherited, &inherited) != 0) return;
   const int here = sched_getcpu();

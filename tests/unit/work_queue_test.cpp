@@ -192,21 +192,23 @@ TEST(WorkQueueTest, NewThreadAfterEveryGuardIsDropped) {
   EXPECT_EQ(after.id, guard.queue()->threadId());
 }
 
+// A publication or a listing holds the thread (WorkThreadHold, which keeps
+// a guard from holdThread) while its own guards come and go.
 TEST(WorkQueueTest, AHeldThreadServesOperationsWhoseGuardsComeAndGo) {
   std::weak_ptr<registry::WorkQueue> heldQueue;
   RunPlace first;
   RunPlace second;
   {
-    const WorkThreadGuard held = WorkThreadGuard::holdThread();
-    ASSERT_NE(held.queue(), nullptr);
-    heldQueue = held.queue();
+    const WorkThreadHold hold;
+    ASSERT_NE(hold.queue(), nullptr);
+    heldQueue = hold.queue();
     { WorkThreadGuard once = runAndRecord(first); }
     { WorkThreadGuard again = runAndRecord(second); }
     EXPECT_EQ(first.tid, second.tid);
-    EXPECT_EQ(first.id, held.queue()->threadId());
+    EXPECT_EQ(first.id, hold.queue()->threadId());
     EXPECT_FALSE(heldQueue.expired());
   }
-  // Dropping the holder, the last guard, stopped and joined the thread.
+  // Dropping the hold, the last guard, stopped and joined the thread.
   EXPECT_TRUE(heldQueue.expired());
   RunPlace after;
   WorkThreadGuard guard = runAndRecord(after);
@@ -222,29 +224,6 @@ TEST(WorkQueueTest, HoldingTheThreadJoinsTheLiveQueueAndRunsNothing) {
   RunPlace later;
   WorkThreadGuard guard = runAndRecord(later);
   EXPECT_EQ(later.tid, place.tid);
-}
-
-TEST(WorkQueueTest, AHoldKeepsOneThreadForItsJobsAndItsEndJoinsIt) {
-  std::weak_ptr<registry::WorkQueue> heldQueue;
-  RunPlace first;
-  RunPlace second;
-  {
-    const WorkThreadHold hold;
-    ASSERT_NE(hold.queue(), nullptr);
-    heldQueue = hold.queue();
-    { WorkThreadGuard once = runAndRecord(first); }
-    { WorkThreadGuard again = runAndRecord(second); }
-    EXPECT_EQ(first.tid, second.tid);
-    EXPECT_EQ(first.id, hold.queue()->threadId());
-  }
-  EXPECT_TRUE(heldQueue.expired());
-}
-
-TEST(WorkQueueTest, AHoldJoinsTheLiveQueue) {
-  RunPlace place;
-  WorkThreadGuard running = runAndRecord(place);
-  const WorkThreadHold hold;
-  EXPECT_EQ(hold.queue(), running.queue());
 }
 
 // The thread watches for the next job longer while a hold lasts, but not

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <string>
@@ -45,17 +44,13 @@ bool stillThere(const Scope& scope, const CachedFolder& cached) {
 }
 
 // The folder trust of this thread (see FolderTrust): how many trusts are
-// open, and the folders found in place since the outermost one opened. The
-// list holds them, so that no other folder can take one's address meanwhile.
+// open, and the folders found in place since the outermost one opened, by
+// scope path. The list holds the folders, so that none is closed meanwhile.
 thread_local int trustDepth = 0;
-thread_local std::vector<SharedFolder> trustedFolders;
+thread_local std::vector<std::pair<std::string, SharedFolder>> trustedFolders;
 
-bool trusted(const SharedFolder& folder) {
-  return trustDepth > 0 && std::find(trustedFolders.begin(), trustedFolders.end(), folder) != trustedFolders.end();
-}
-
-void trust(const SharedFolder& folder) {
-  if (trustDepth > 0) trustedFolders.push_back(folder);
+void trust(const std::string& path, const SharedFolder& folder) {
+  if (trustDepth > 0) trustedFolders.emplace_back(path, folder);
 }
 
 }  // namespace
@@ -65,6 +60,10 @@ KeptFolder::~KeptFolder() {
 }
 
 Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder& folder) {
+  if (SharedFolder trusted = trustedScopeFolder(scope.path)) {
+    folder = std::move(trusted);
+    return {};
+  }
   ProcessFolders::Guarded& guarded = ProcessFolders::get();
   FolderCache& folders = guarded.state;
   CachedFolder cached;
@@ -74,12 +73,8 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
     if (found != folders.end()) cached = found->second;
   }
   if (cached.folder != nullptr) {
-    if (trusted(cached.folder)) {
-      folder = std::move(cached.folder);
-      return {};
-    }
     if (stillThere(scope, cached)) {
-      trust(cached.folder);
+      trust(scope.path, cached.folder);
       folder = std::move(cached.folder);
       return {};
     }
@@ -99,21 +94,16 @@ Outcome shareScopeFolder(const Scope& scope, bool createIfMissing, SharedFolder&
     if (folders.size() >= cacheCapacity) folders.clear();
     folders[scope.path] = CachedFolder{shared, st.st_dev, st.st_ino};
   }
-  trust(shared);
+  trust(scope.path, shared);
   folder = std::move(shared);
   return {};
 }
 
 SharedFolder trustedScopeFolder(const std::string& path) {
-  if (trustDepth == 0) return nullptr;
-  ProcessFolders::Guarded& guarded = ProcessFolders::get();
-  SharedFolder folder;
-  {
-    std::lock_guard lock(guarded.mutex);
-    auto found = guarded.state.find(path);
-    if (found != guarded.state.end()) folder = found->second.folder;
+  for (const auto& [trustedPath, folder] : trustedFolders) {
+    if (trustedPath == path) return folder;
   }
-  return folder != nullptr && trusted(folder) ? folder : nullptr;
+  return nullptr;
 }
 
 }  // namespace agent::spf::sharedmemory::detail
