@@ -42,7 +42,11 @@ constexpr std::chrono::microseconds heldWorkerSpin{1000};
 // waited for asleep.
 constexpr std::chrono::microseconds wakeUpSpin{15};
 
-// Spinning only helps when the other side can run at the same time.
+// Spinning only helps when the other side can run at the same time: when
+// the thread that decides (the first one to ask, for the whole process) may
+// run on more than one CPU. A work queue asks before it starts its thread,
+// so the decision is made on its creator's CPUs and never on the narrower
+// set that a new work thread has for a while (WorkQueue::startAwayFromCreator).
 inline bool spinningHelps() {
   static const bool helps = [] {
     cpu_set_t cpus;

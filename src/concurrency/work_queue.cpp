@@ -68,6 +68,7 @@ void registerForkHandler() {
 }  // namespace
 
 WorkQueue::WorkQueue() : creatorPid(getpid()) {
+  (void)handoff::spinningHelps();  // decided here, before the thread's CPUs narrow
   thread = std::thread(&WorkQueue::run, this);
   startAwayFromCreator();
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <latch>
@@ -18,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "concurrency/hand_off.hpp"
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 
@@ -273,6 +275,28 @@ TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
 
 // A fork waits for the thread to drop the job it holds, so the thread must
 // tell when it holds none.
+// Whether spinning pays is decided once per process, on the CPUs of the
+// work thread's creator, never on the narrower set that a new thread has
+// until its first job. Run in a process of its own, so that the decision is
+// fresh: the new thread watches for a job, finds none and falls asleep.
+TEST(WorkQueueTest, ANewThreadLeavesSpinningOnForTheProcess) {
+  const cpu_set_t mine = ownCpus();
+  if (CPU_COUNT(&mine) < 2) GTEST_SKIP() << "spinning pays only with two CPUs or more";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        const WorkThreadGuard held = WorkThreadGuard::holdThread();
+        const auto deadline = std::chrono::steady_clock::now() + 2s;
+        while (held.queue()->awakeOn() != registry::WorkQueue::asleep && std::chrono::steady_clock::now() < deadline) {
+          std::this_thread::sleep_for(1ms);
+        }
+        std::_Exit(held.queue()->awakeOn() != registry::WorkQueue::asleep ? 2
+                   : registry::handoff::spinningHelps()                   ? 0
+                                                                          : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 TEST(WorkQueueTest, TellsWhenTheThreadHoldsNoJob) {
   RunPlace place;
   WorkThreadGuard guard = runAndRecord(place);
