@@ -73,7 +73,9 @@ class RecordReadSession {
   std::unordered_set<std::uint64_t> aliveThreads;  // process << 32 | thread
 };
 
-class Endpoint::Impl {
+// One record of an Endpoint. Internal: the class of the exported Endpoint
+// would give it default visibility, so it is hidden explicitly.
+class __attribute__((visibility("hidden"))) Endpoint::Impl {
  public:
   using SharedMemory = agent::spf::sharedmemory::SharedMemory;
   using DataPair = std::pair<std::string, std::string>;
