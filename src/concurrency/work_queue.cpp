@@ -65,12 +65,30 @@ void registerForkHandler() {
   std::call_once(forkHandlerOnce, [] { pthread_atfork(&dropJobBeforeFork, nullptr, &forgetQueueInForkedChild); });
 }
 
+// `cpus` without `cpu`; nothing when `cpu` is not among them or no other is.
+std::optional<cpu_set_t> cpusBesides(const cpu_set_t& cpus, int cpu) noexcept {
+  if (cpu < 0 || cpu >= CPU_SETSIZE || !CPU_ISSET(cpu, &cpus)) return std::nullopt;
+  cpu_set_t others = cpus;
+  CPU_CLR(cpu, &others);
+  if (CPU_COUNT(&others) == 0) return std::nullopt;
+  return others;
+}
+
 }  // namespace
 
-WorkQueue::WorkQueue() : creatorPid(getpid()) {
+WorkQueue::WorkQueue() : creatorPid(getpid()), creatorCpu(sched_getcpu()) {
   (void)handoff::spinningHelps();  // decided here, before the thread's CPUs narrow
   thread = std::thread(&WorkQueue::run, this);
   startAwayFromCreator();
+}
+
+std::optional<cpu_set_t> leaveCpu(int cpu) noexcept {
+  if (sched_getcpu() != cpu) return std::nullopt;
+  cpu_set_t own;
+  if (sched_getaffinity(0, sizeof own, &own) != 0) return std::nullopt;
+  const std::optional<cpu_set_t> others = cpusBesides(own, cpu);
+  if (!others || sched_setaffinity(0, sizeof *others, &*others) != 0) return std::nullopt;
+  return own;
 }
 
 // A new thread is queued on its creator's core, where it cannot run before
@@ -83,12 +101,8 @@ WorkQueue::WorkQueue() : creatorPid(getpid()) {
 void WorkQueue::startAwayFromCreator() noexcept {
   cpu_set_t inherited;
   if (sched_getaffinity(0, sizeof inherited, &inherited) != 0) return;
-  const int here = sched_getcpu();
-  if (here < 0 || here >= CPU_SETSIZE || !CPU_ISSET(here, &inherited)) return;
-  cpu_set_t elsewhere = inherited;
-  CPU_CLR(here, &elsewhere);
-  if (CPU_COUNT(&elsewhere) == 0) return;
-  if (pthread_setaffinity_np(thread.native_handle(), sizeof elsewhere, &elsewhere) != 0) return;
+  const std::optional<cpu_set_t> elsewhere = cpusBesides(inherited, sched_getcpu());
+  if (!elsewhere || pthread_setaffinity_np(thread.native_handle(), sizeof *elsewhere, &*elsewhere) != 0) return;
   inheritedCpus = inherited;
 }
 
@@ -145,6 +159,10 @@ void WorkQueue::push(std::function<void()> job) {
 }
 
 void WorkQueue::run() {
+  // The thread may also run first on its creator's core, taking it from the
+  // creator before the creator has sent it away: it then leaves by itself,
+  // so that its creator goes on at once.
+  std::optional<cpu_set_t> ownCpus = leaveCpu(creatorCpu);
   awakeCpu.store(sched_getcpu(), std::memory_order_release);
   for (;;) {
     // A caller woken on this core goes on before the thread watches.
@@ -175,9 +193,11 @@ void WorkQueue::run() {
       jobCount.store(jobs.size(), std::memory_order_relaxed);
       jobInHand.store(true, std::memory_order_relaxed);
     }
-    if (inheritedCpus) {
-      (void)sched_setaffinity(0, sizeof *inheritedCpus, &*inheritedCpus);
+    if (inheritedCpus || ownCpus) {
+      const cpu_set_t& cpus = inheritedCpus ? *inheritedCpus : *ownCpus;
+      (void)sched_setaffinity(0, sizeof cpus, &cpus);
       inheritedCpus.reset();
+      ownCpus.reset();
     }
     try {
       job();

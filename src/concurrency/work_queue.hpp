@@ -21,8 +21,9 @@
 // operation holds it (WorkThreadHold), and a caller watches for its job's
 // outcome while the thread is awake on another core, or for a short while
 // for a thread it had to wake to come up on one. A new thread is started
-// away from its creator's core. The spins are bounded and are skipped when
-// the process may use only one CPU; sleeping and waking work as before.
+// away from its creator's core, and leaves that core by itself if it gets
+// to run there first. The spins are bounded and are skipped when the
+// process may use only one CPU; sleeping and waking work as before.
 //
 // Fork: a forked child forgets its parent's queue, so its first request
 // starts a work thread of its own. Guards inherited from the parent still
@@ -47,6 +48,11 @@
 #include <thread>
 
 namespace agent::spf::endpointregistry {
+
+// Moves the calling thread off `cpu` when it runs there, to the other CPUs
+// it may use (if there are any); returns the CPUs it had, to be taken back
+// later, or nothing if it was not moved.
+std::optional<cpu_set_t> leaveCpu(int cpu) noexcept;
 
 class WorkQueue {
  public:
@@ -98,6 +104,7 @@ class WorkQueue {
   std::atomic<bool> jobInHand{false};  // from taking a job until it is destroyed
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
+  int creatorCpu;    // the core its creator ran on as it started the thread
   // The CPUs that the thread inherited, while it is kept off its creator's
   // core (see startAwayFromCreator). Written before the first job is pushed;
   // read and cleared by the thread when it takes its first job.

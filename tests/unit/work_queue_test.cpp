@@ -11,6 +11,7 @@
 #include <fstream>
 #include <future>
 #include <latch>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -275,6 +276,41 @@ TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
 
 // A fork waits for the thread to drop the job it holds, so the thread must
 // tell when it holds none.
+// A thread moves off a CPU it runs on to the other CPUs it may use, and is
+// told the CPUs it had; on another CPU, or with no other CPU, it stays.
+TEST(WorkQueueTest, LeavingACpuMovesTheThreadToItsOtherCpus) {
+  const cpu_set_t mine = ownCpus();
+  if (CPU_COUNT(&mine) < 2) GTEST_SKIP() << "a thread can leave a CPU only with two CPUs or more";
+  std::thread([&mine] {
+    // The thread may move between reading its CPU and leaving it: it tries again.
+    int left = -1;
+    std::optional<cpu_set_t> had;
+    for (int attempt = 0; attempt < 1000 && !had; ++attempt) {
+      left = sched_getcpu();
+      had = registry::leaveCpu(left);
+    }
+    ASSERT_TRUE(had.has_value());
+    EXPECT_TRUE(CPU_EQUAL(&*had, &mine));
+    cpu_set_t expected = mine;
+    CPU_CLR(left, &expected);
+    cpu_set_t now = ownCpus();
+    EXPECT_TRUE(CPU_EQUAL(&now, &expected));
+    EXPECT_NE(sched_getcpu(), left);
+
+    EXPECT_FALSE(registry::leaveCpu(left).has_value());  // not there any more
+    now = ownCpus();
+    EXPECT_TRUE(CPU_EQUAL(&now, &expected));
+
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    EXPECT_FALSE(registry::leaveCpu(sched_getcpu()).has_value());  // nowhere else to go
+    now = ownCpus();
+    EXPECT_TRUE(CPU_EQUAL(&now, &one));
+  }).join();
+}
+
 // Whether spinning pays is decided once per process, on the CPUs of the
 // work thread's creator, never on the narrower set that a new thread has
 // until its first job. Run in a process of its own, so that the decision is
