@@ -176,7 +176,10 @@ def targets(figures):
         entry = figures.get(f"publish+withdraw/own:{n}")
         if first and entry:
             # The publication may grow from N=10 by what its directory work grows, and 15% more.
-            expected = first["median_ns"] + entry["dir_median_ns"] - first["dir_median_ns"]
+            # More rows never make the directory work cheaper: a growth measured below zero is
+            # noise between the two runs, and counts as none.
+            growth = max(0.0, entry["dir_median_ns"] - first["dir_median_ns"])
+            expected = first["median_ns"] + growth
             check(f"publication at N={n} ≤ 1.15× (publication at N=10 + growth of its directory work)",
                   entry["median_ns"] / expected, 1.15)
     return checks
