@@ -274,8 +274,6 @@ TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
   EXPECT_TRUE(CPU_EQUAL(&seen, &one));
 }
 
-// A fork waits for the thread to drop the job it holds, so the thread must
-// tell when it holds none.
 // A thread moves off a CPU it runs on to the other CPUs it may use, and is
 // told the CPUs it had; on another CPU, or with no other CPU, it stays.
 TEST(WorkQueueTest, LeavingACpuMovesTheThreadToItsOtherCpus) {
@@ -333,6 +331,8 @@ TEST(WorkQueueTest, ANewThreadLeavesSpinningOnForTheProcess) {
       testing::ExitedWithCode(0), "");
 }
 
+// A fork waits for the thread to drop the job it holds, so the thread must
+// tell when it holds none.
 TEST(WorkQueueTest, TellsWhenTheThreadHoldsNoJob) {
   RunPlace place;
   WorkThreadGuard guard = runAndRecord(place);
