@@ -101,7 +101,7 @@ std::optional<cpu_set_t> leaveCpu(int cpu) noexcept {
 void WorkQueue::startAwayFromCreator() noexcept {
   cpu_set_t inherited;
   if (sched_getaffinity(0, sizeof inherited, &inherited) != 0) return;
-  const std::optional<cpu_set_t> elsewhere = cpusBesides(inherited, sched_getcpu());
+  const std::optional<cpu_set_t> elsewhere = cpusBesides(inherited, creatorCpu);
   if (!elsewhere || pthread_setaffinity_np(thread.native_handle(), sizeof *elsewhere, &*elsewhere) != 0) return;
   inheritedCpus = inherited;
 }

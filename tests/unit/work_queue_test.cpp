@@ -67,14 +67,23 @@ char threadState(pid_t tid) {
   return end == std::string::npos || end + 2 >= text.size() ? 0 : text[end + 2];
 }
 
+// Looks at `ready` every millisecond for at most `limit`; true once it holds.
+// For states that nothing signals (a thread's scheduling state, the system
+// call it waits in).
+template <class Ready>
+bool pollUntil(const Ready& ready, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
 // Waits up to two seconds for the thread to be asleep; its last state.
 char awaitAsleep(pid_t tid) {
-  const auto deadline = std::chrono::steady_clock::now() + 2s;
-  char state = threadState(tid);
-  while (state != 'S' && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(1ms);
-    state = threadState(tid);
-  }
+  char state = 0;
+  pollUntil([&] { return (state = threadState(tid)) == 'S'; }, 2s);
   return state;
 }
 
@@ -119,11 +128,7 @@ std::pair<long, std::uintptr_t> blockedIn(pid_t tid) {
 // thread waits for jobs and holds no lock of the allocator, so that a fork
 // cannot catch it half-way.
 bool waitUntilIdle(pid_t tid) {
-  for (auto deadline = std::chrono::steady_clock::now() + 30s; std::chrono::steady_clock::now() < deadline;) {
-    if (blockedIn(tid).first == SYS_futex) return true;
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
+  return pollUntil([tid] { return blockedIn(tid).first == SYS_futex; }, 30s);
 }
 
 // True once thread `tid` of this process sleeps in futex() on a word inside
@@ -320,13 +325,8 @@ TEST(WorkQueueTest, ANewThreadLeavesSpinningOnForTheProcess) {
   EXPECT_EXIT(
       {
         const WorkThreadGuard held = WorkThreadGuard::holdThread();
-        const auto deadline = std::chrono::steady_clock::now() + 2s;
-        while (held.queue()->awakeOn() != registry::WorkQueue::asleep && std::chrono::steady_clock::now() < deadline) {
-          std::this_thread::sleep_for(1ms);
-        }
-        std::_Exit(held.queue()->awakeOn() != registry::WorkQueue::asleep ? 2
-                   : registry::handoff::spinningHelps()                   ? 0
-                                                                          : 1);
+        if (!pollUntil([&] { return held.queue()->awakeOn() == registry::WorkQueue::asleep; }, 2s)) std::_Exit(2);
+        std::_Exit(registry::handoff::spinningHelps() ? 0 : 1);
       },
       testing::ExitedWithCode(0), "");
 }
@@ -486,13 +486,7 @@ TEST(WorkQueueTest, DestroyedQueueDestroysPendingJobsUnrun) {
     blocking.reset();
   });
   const pid_t stopperId = stopperTid.get_future().get();
-  bool joining = false;
-  for (auto deadline = std::chrono::steady_clock::now() + 30s;
-       !joining && std::chrono::steady_clock::now() < deadline;) {
-    joining = isJoining(stopperId, workThread);
-    if (!joining) std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_TRUE(joining);
+  EXPECT_TRUE(pollUntil([&] { return isJoining(stopperId, workThread); }, 30s));
   ASSERT_EQ(write(wake[1], "x", 1), 1);
   stopper.join();
   close(wake[0]);
