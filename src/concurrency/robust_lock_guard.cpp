@@ -1,6 +1,6 @@
 #include "concurrency/robust_lock_guard.hpp"
 
-#include <sys/syscall.h>
+#include <linux/futex.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
@@ -64,6 +64,20 @@ bool hasPlainKind(const pthread_mutex_t* mutex) {
   return std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
 }
 
+// The kind word of a mutex that initializeMutex() sets up. pthread_mutex_init
+// clears the whole mutex and then stores this word and nothing else, so a
+// zero-filled mutex with this word is a mutex set up by it.
+int freshKind() noexcept {
+  static const int kind = [] {
+    pthread_mutex_t scratch;
+    PThreadRobustLockGuard::initializeMutex(&scratch);
+    const int word = scratch.__data.__kind;
+    pthread_mutex_destroy(&scratch);
+    return word;
+  }();
+  return kind;
+}
+
 }  // namespace
 
 // The state of one held lock. The lock is taken on the work thread when the
@@ -72,7 +86,7 @@ bool hasPlainKind(const pthread_mutex_t* mutex) {
 // soon as its owning thread ends.
 class PThreadRobustLockGuard::Impl {
  public:
-  explicit Impl(pthread_mutex_t* mutex) : mutexPtr(mutex), workThread(getLockedMutexThread()) {}
+  Impl(pthread_mutex_t* mutex, LockTerm term) : mutexPtr(mutex), workThread(getLockedMutexThread(term)) {}
   ~Impl();
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -80,13 +94,14 @@ class PThreadRobustLockGuard::Impl {
   pthread_mutex_t* mutexPtr;
   // Written once by the owner before any other use of the guard.
   bool destroyOnRelease = false;
+  // The lane whose thread holds the lock, with the room the lock takes there.
   WorkThreadGuard workThread;
   // The process whose work thread holds the lock; a forked child inherits
   // the guard but not the lock.
   pid_t ownerPid = getpid();
 
  private:
-  WorkThreadGuard getLockedMutexThread();
+  WorkThreadGuard getLockedMutexThread(LockTerm term);
 };
 
 void PThreadRobustLockGuard::initializeMutex(pthread_mutex_t* mutex) {
@@ -106,6 +121,11 @@ void PThreadRobustLockGuard::initializeMutex(pthread_mutex_t* mutex) {
                            std::to_string(error) + ")");
 }
 
+bool PThreadRobustLockGuard::initializeZeroedMutex(pthread_mutex_t* mutex) noexcept {
+  int kind = 0;
+  return std::atomic_ref<int>(mutex->__data.__kind).compare_exchange_strong(kind, freshKind()) || kind == freshKind();
+}
+
 int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
   // Not a mutex this library could have made: refused as glibc refuses a
   // kind it does not know.
@@ -117,36 +137,16 @@ int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
   return result;
 }
 
-bool PThreadRobustLockGuard::isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process) {
-  // A robust mutex keeps its owner's thread id in the low bits of its lock
-  // word. The kernel marks at most 2,048 robust mutexes of a dying thread as
-  // owner-dead; any further ones keep the dead thread's id, and only this
-  // check tells them from held ones.
-  constexpr unsigned threadIdMask = 0x3fffffff;
-  auto* lockWord = const_cast<unsigned*>(reinterpret_cast<const unsigned*>(mutex));
-  const unsigned word = std::atomic_ref<unsigned>(*lockWord).load();
-  const pid_t owner = static_cast<pid_t>(word & threadIdMask);
-  if (owner == 0) return true;  // nothing to judge by: trust the lock
-  return threadExists(process, owner);
-}
-
-pid_t PThreadRobustLockGuard::holderInCopy(const pthread_mutex_t& copy) {
-  constexpr unsigned threadIdMask = 0x3fffffff;
-  constexpr unsigned ownerDied = 0x40000000;
-  if (!hasPlainKind(&copy)) return 0;
+bool PThreadRobustLockGuard::heldInCopy(const pthread_mutex_t& copy) noexcept {
+  if (!hasPlainKind(&copy)) return false;
+  // A robust mutex's lock word holds its owner's thread id under
+  // FUTEX_TID_MASK, and FUTEX_OWNER_DIED once the kernel has marked the
+  // owner dead (clearing the id). Any id without the mark is a holder whose
+  // death has not been seen: a trylock would answer EBUSY, or EDEADLK to
+  // that very thread.
   unsigned word = 0;
   std::memcpy(&word, &copy, sizeof word);
-  const pid_t owner = static_cast<pid_t>(word & threadIdMask);
-  // The calling thread's id, asked of the system once per thread.
-  static thread_local const pid_t caller = gettid();
-  if ((word & ownerDied) != 0 || owner == caller) return 0;
-  return owner;
-}
-
-bool PThreadRobustLockGuard::threadExists(pid_t process, pid_t thread) {
-  // Only ESRCH says the thread is gone; EPERM means it exists under another
-  // user, and an answer that judges nothing (EINVAL) is no proof of death.
-  return syscall(SYS_tgkill, process, thread, 0) == 0 || errno != ESRCH;
+  return (word & FUTEX_OWNER_DIED) == 0 && (word & FUTEX_TID_MASK) != 0;
 }
 
 namespace {
@@ -189,7 +189,7 @@ int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
 }  // namespace
 
 // Runs on the caller's thread; the lock itself is taken on the work thread.
-WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
+WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread(LockTerm term) {
   if (mutexPtr == nullptr) {
     logMessage(mainLogger(), Error, "PThreadRobustLockGuard::getLockedMutexThread: ", "mutexPtr cannot be null.");
     throw std::runtime_error(
@@ -206,7 +206,8 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   };
 
   int result = 0;
-  WorkThreadGuard guard = WorkThreadGuard::executeAndSet(lockJob, result);
+  WorkThreadGuard guard = WorkThreadGuard::forLock(term);
+  guard.run(lockJob, result);
   // EDEADLK: another guard of this process holds the mutex on the work
   // thread. Blocking there would stall the queue on which that guard's
   // unlock must run, so the lock is re-queued behind the waiting jobs until
@@ -217,9 +218,7 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread() {
   // each waited for a mutex that the other process holds (two directories,
   // each locked for one thread and wanted for another) would otherwise wait
   // for each other for ever.
-  while (result == EDEADLK || result == ETIMEDOUT) {
-    guard = WorkThreadGuard::executeAndSet(lockJob, result);
-  }
+  while (result == EDEADLK || result == ETIMEDOUT) guard.run(lockJob, result);
   if (result == 0) return guard;
 
   logMessage(mainLogger(), Error, "PThreadRobustLockGuard::getLockedMutexThread ", "Failed to lock the mutex. (Error ",
@@ -237,7 +236,7 @@ PThreadRobustLockGuard::Impl::~Impl() {
   // alone. Only the inherited reference to the parent's queue goes.
   if (getpid() != ownerPid) return;
   int result = 0;
-  workThread = WorkThreadGuard::executeAndSet([this] { return pthread_mutex_unlock(mutexPtr); }, result);
+  workThread.run([this] { return pthread_mutex_unlock(mutexPtr); }, result);
   if (result != 0) {
     logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to unlock the mutex. (Error ", result, ")");
   }
@@ -247,7 +246,8 @@ PThreadRobustLockGuard::Impl::~Impl() {
   }
 }
 
-PThreadRobustLockGuard::PThreadRobustLockGuard(pthread_mutex_t* mutexPtr) : impl(std::make_unique<Impl>(mutexPtr)) {}
+PThreadRobustLockGuard::PThreadRobustLockGuard(pthread_mutex_t* mutexPtr, LockTerm term)
+    : impl(std::make_unique<Impl>(mutexPtr, term)) {}
 
 PThreadRobustLockGuard::PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept = default;
 

@@ -14,7 +14,6 @@
 #pragma once
 
 #include <pthread.h>
-#include <sys/types.h>
 #include <memory>
 
 #include "concurrency/work_queue.hpp"
@@ -27,6 +26,13 @@ class PThreadRobustLockGuard {
   // Throws std::runtime_error on failure.
   static void initializeMutex(pthread_mutex_t* mutex);
 
+  // Sets up a mutex in zero-filled memory (a new segment) exactly as
+  // initializeMutex() would, with one atomic write, so that several
+  // processes may do it at once, and one may do it late: a mutex already set
+  // up, or in use, is left untouched. False when the memory holds a mutex of
+  // another kind (left untouched too). Never throws.
+  static bool initializeZeroedMutex(pthread_mutex_t* mutex) noexcept;
+
   // Probes a mutex on the calling thread without keeping it: 0 (free),
   // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of
   // pthread_mutex_trylock (EBUSY: held by another thread; EDEADLK: held by the
@@ -35,26 +41,22 @@ class PThreadRobustLockGuard {
   // priority inheritance or protection) is not touched: EINVAL.
   static int getMutexState(pthread_mutex_t* mutex);
 
-  // For a mutex that probes as held (EBUSY): true unless the thread that
-  // holds it is known to have ended, or not to belong to `process`. The
-  // kernel repairs at most 2,048 robust mutexes per dying thread; the others
-  // stay locked by a thread that no longer exists.
-  static bool isHeldByLiveThreadOf(const pthread_mutex_t* mutex, pid_t process);
+  // Judges a copy of a mutex's bytes, read without mapping the mutex: true
+  // when probing the mutex itself would have answered EBUSY or EDEADLK (a
+  // thread holds it and its owner has not been marked dead), so the mutex's
+  // owner is alive. Decided by the lock word alone, never by the thread id
+  // it holds: thread ids mean nothing in another pid namespace. False for a
+  // free or owner-dead mutex and for a mutex of a kind getMutexState() does
+  // not touch.
+  static bool heldInCopy(const pthread_mutex_t& copy) noexcept;
 
-  // Judges a copy of a mutex's bytes, read without mapping the mutex: the
-  // thread that the copy shows holding the mutex (plain kind, no owner-died
-  // mark, not the calling thread), or 0. When that thread exists in the
-  // publisher's process (threadExists), probing the mutex itself would have
-  // answered EBUSY, and isHeldByLiveThreadOf true.
-  static pid_t holderInCopy(const pthread_mutex_t& copy);
-  // False only when the system says that `thread` does not exist in
-  // `process`.
-  static bool threadExists(pid_t process, pid_t thread);
-
-  // Returns with the mutex locked by the work thread; repairs an owner-dead
-  // mutex silently. Throws std::runtime_error on a null mutex or a lock error
-  // (error 22, EINVAL, for a mutex of a kind getMutexState() does not touch).
-  explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr);
+  // Returns with the mutex locked by a work thread; repairs an owner-dead
+  // mutex silently. `term` says how long the lock will be held: a lasting
+  // lock (a record's) is taken on a work thread that holds fewer lasting
+  // locks than the kernel repairs when a thread dies (work_queue.hpp).
+  // Throws std::runtime_error on a null mutex or a lock error (error 22,
+  // EINVAL, for a mutex of a kind getMutexState() does not touch).
+  explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr, LockTerm term = LockTerm::Brief);
   PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept;
   // Takes the other's lock, then releases the one held before.
   PThreadRobustLockGuard& operator=(PThreadRobustLockGuard&&) noexcept;

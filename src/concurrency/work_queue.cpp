@@ -2,10 +2,12 @@
 
 #include <pthread.h>
 #include <unistd.h>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "concurrency/hand_off.hpp"
 #include "diagnostics/diagnostics.hpp"
@@ -14,47 +16,65 @@ namespace agent::spf::endpointregistry {
 
 namespace {
 
-// Guards the process's weak reference to its queue and the creation of a
+// Guards the process's weak references to its lanes and the creation of a
 // queue. Never held while pushing or waiting for a job. Constant-initialised
 // and trivially destructible, so it is usable at any time, and may be
-// re-constructed in place in a forked child (see forgetQueueInForkedChild).
+// re-constructed in place in a forked child (see forgetQueuesInForkedChild).
 std::mutex queueMutex;
 
-// The process's queue, if one is live. The weak reference never keeps the
-// queue alive; the guards do. Read and written under queueMutex.
-std::weak_ptr<WorkQueue>& currentQueue() {
-  static std::weak_ptr<WorkQueue> queue;
-  return queue;
+// The process's lanes, by number; slot 0 is the primary queue. An expired
+// slot is taken again by the next queue made for it. The weak references
+// never keep a queue alive; the guards do. Read and written under queueMutex.
+std::vector<std::weak_ptr<WorkQueue>>& processLanes() {
+  static std::vector<std::weak_ptr<WorkQueue>> lanes;
+  return lanes;
 }
 
+// The room of one lane, for each term of lock (changed by tests only).
+std::atomic<unsigned> lastingCapacity{lastingLocksPerLane};
+std::atomic<unsigned> totalCapacity{robustListLimit};
+
 // Runs in a forked child, on its only thread, before fork() returns there.
-// The parent's work thread does not exist in the child, so the child must
-// not push to the parent's queue: it forgets it, and its first request
+// The parent's work threads do not exist in the child, so the child must
+// not push to the parent's queues: it forgets them, and its first request
 // starts a work thread of its own.
 //
-// Another thread of the parent may have held queueMutex at the moment of the
-// fork, possibly half-way through writing the weak reference. That thread
-// does not exist in the child, so neither object can be trusted or unlocked:
-// both are re-constructed in place over their old bytes, without running
-// their destructors. The mutex has no state beyond its bytes; the old weak
-// reference is leaked (at most one control block per fork, in the child).
-void forgetQueueInForkedChild() noexcept {
+// When no thread of the parent held queueMutex at the fork, the lanes are
+// whole and are simply emptied. Otherwise the thread that held it does not
+// exist in the child and may have been half-way through changing them, so
+// neither object can be trusted or unlocked: both are re-constructed in
+// place over their old bytes, without running their destructors. The mutex
+// has no state beyond its bytes; the old lanes are parked, never used, so
+// that their storage stays reachable.
+void forgetQueuesInForkedChild() noexcept {
+  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
+  if (queueMutex.try_lock()) {
+    lanes.clear();
+    queueMutex.unlock();
+    return;
+  }
+  alignas(std::vector<std::weak_ptr<WorkQueue>>) static unsigned char parked[sizeof lanes];
+  std::memcpy(parked, static_cast<void*>(&lanes), sizeof parked);
   ::new (static_cast<void*>(&queueMutex)) std::mutex;
-  ::new (static_cast<void*>(&currentQueue())) std::weak_ptr<WorkQueue>;
+  ::new (static_cast<void*>(&lanes)) std::vector<std::weak_ptr<WorkQueue>>;
 }
 
 // Runs in the parent just before fork(). A caller has the outcome of its job
 // a moment before the work thread has destroyed the job; a child forked in
 // that moment would inherit the job's memory with nothing left to free it.
-// So the fork waits for the thread to drop it (briefly: a job that blocks on
+// So the fork waits for every lane to drop it (briefly: a job that blocks on
 // another process's lock is not waited out).
-void dropJobBeforeFork() noexcept {
-  std::shared_ptr<WorkQueue> queue;
-  {
+void dropJobsBeforeFork() noexcept {
+  std::vector<std::shared_ptr<WorkQueue>> queues;
+  try {
     std::lock_guard<std::mutex> lock(queueMutex);
-    queue = currentQueue().lock();
+    for (const auto& lane : processLanes()) {
+      if (auto queue = lane.lock()) queues.push_back(std::move(queue));
+    }
+  } catch (...) {
+    return;  // no memory for the list: the fork goes on without waiting
   }
-  if (queue) (void)queue->awaitNoJobInHand(std::chrono::milliseconds(2));
+  for (const auto& queue : queues) (void)queue->awaitNoJobInHand(std::chrono::milliseconds(2));
 }
 
 std::once_flag forkHandlerOnce;
@@ -62,7 +82,7 @@ std::once_flag forkHandlerOnce;
 // Registers the fork handlers once per process. The registration comes before
 // the first queue is made, so no child can inherit a queue unnoticed.
 void registerForkHandler() {
-  std::call_once(forkHandlerOnce, [] { pthread_atfork(&dropJobBeforeFork, nullptr, &forgetQueueInForkedChild); });
+  std::call_once(forkHandlerOnce, [] { pthread_atfork(&dropJobsBeforeFork, nullptr, &forgetQueuesInForkedChild); });
 }
 
 // `cpus` without `cpu`; nothing when `cpu` is not among them or no other is.
@@ -229,12 +249,38 @@ bool WorkQueue::awaitNoJobInHand(std::chrono::microseconds limit) const noexcept
 std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
   registerForkHandler();
   std::lock_guard<std::mutex> lock(queueMutex);
-  std::shared_ptr<WorkQueue> queue = currentQueue().lock();
+  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
+  if (lanes.empty()) lanes.emplace_back();
+  std::shared_ptr<WorkQueue> queue = lanes.front().lock();
   if (!queue) {
     queue = std::make_shared<WorkQueue>();
-    currentQueue() = queue;
+    lanes.front() = queue;
   }
   return queue;
+}
+
+WorkThreadGuard WorkThreadGuard::forLock(LockTerm term) {
+  registerForkHandler();
+  const unsigned capacity = (term == LockTerm::Lasting ? lastingCapacity : totalCapacity).load();
+  WorkThreadGuard guard;
+  std::lock_guard<std::mutex> lock(queueMutex);
+  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
+  for (std::size_t lane = 0;; ++lane) {
+    if (lane == lanes.size()) lanes.emplace_back();
+    std::shared_ptr<WorkQueue> queue = lanes[lane].lock();
+    if (!queue) {
+      queue = std::make_shared<WorkQueue>();
+      lanes[lane] = queue;
+    }
+    // Taken under queueMutex, so that two callers never both take a lane's
+    // last room; given back without it.
+    if (queue->locks.load(std::memory_order_acquire) < capacity) {
+      queue->locks.fetch_add(1, std::memory_order_acq_rel);
+      guard.workQueue = std::move(queue);
+      guard.holdsLockRoom = true;
+      return guard;
+    }
+  }
 }
 
 WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
@@ -243,17 +289,48 @@ WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
   workQueue = std::move(queue);
 }
 
+WorkThreadGuard::WorkThreadGuard(WorkThreadGuard&& other) noexcept
+    : workQueue(std::move(other.workQueue)), holdsLockRoom(std::exchange(other.holdsLockRoom, false)) {}
+
+WorkThreadGuard& WorkThreadGuard::operator=(WorkThreadGuard&& other) noexcept {
+  if (this == &other) return *this;
+  releaseLockRoom();
+  workQueue = std::move(other.workQueue);
+  holdsLockRoom = std::exchange(other.holdsLockRoom, false);
+  return *this;
+}
+
+WorkThreadGuard::~WorkThreadGuard() { releaseLockRoom(); }
+
+void WorkThreadGuard::releaseLockRoom() noexcept {
+  if (holdsLockRoom && workQueue) workQueue->locks.fetch_sub(1, std::memory_order_acq_rel);
+  holdsLockRoom = false;
+}
+
 WorkThreadGuard WorkThreadGuard::holdThread() {
   WorkThreadGuard guard;
   guard.workQueue = processQueue();
   return guard;
 }
 
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+void setLaneCapacityForTesting(unsigned lasting, unsigned total) noexcept {
+  lastingCapacity.store(lasting != 0 ? lasting : lastingLocksPerLane);
+  totalCapacity.store(total != 0 ? total : robustListLimit);
+}
+#endif
+
 WorkThreadHold::WorkThreadHold() : guard(WorkThreadGuard::holdThread()) { guard.queue()->beginHold(); }
 
 WorkThreadHold::~WorkThreadHold() { guard.queue()->endHold(); }
 
 WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, int& result) {
+  WorkThreadGuard guard = holdThread();
+  guard.run(std::move(function), result);
+  return guard;
+}
+
+void WorkThreadGuard::run(std::function<int()>&& function, int& result) {
   auto completion = std::make_shared<handoff::Completion>();
   auto sender = std::make_shared<handoff::CompletionSender>(completion);
 
@@ -261,7 +338,7 @@ WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, 
   // it does not throw itself. An exception is handed over only after its
   // handler here has ended: from then on the caller alone holds it, so the
   // work thread never frees an exception that the caller is still reading.
-  WorkThreadGuard guard([sender, function = std::move(function)]() {
+  workQueue->push([sender, function = std::move(function)]() {
     int value = 0;
     std::exception_ptr thrown;
     try {
@@ -279,13 +356,12 @@ WorkThreadGuard WorkThreadGuard::executeAndSet(std::function<int()>&& function, 
   sender.reset();
 
   try {
-    result = completion->get(*guard.queue());
+    result = completion->get(*workQueue);
   } catch (const std::exception& error) {
     logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to execute the provided function in the work thread. ",
                "Error: ", error.what());
     throw;
   }
-  return guard;
 }
 
 }  // namespace agent::spf::endpointregistry

@@ -1,13 +1,24 @@
-// The process's one work thread, on which every robust mutex is locked and
+// The process's work threads, on which every robust mutex is locked and
 // unlocked.
 //
 // A robust mutex belongs to the thread that locked it, and counts as
 // abandoned once that thread ends. Callers' threads may be short-lived, so
-// locks are taken on this long-lived thread instead. WorkQueue is the thread
-// and its first-in first-out job queue; WorkThreadGuard is a shared reference
-// to the process's queue. The queue lives while some guard refers to it: the
-// last guard to go stops and joins the thread, and the next request starts a
+// locks are taken on a long-lived work thread instead. WorkQueue is one such
+// thread and its first-in first-out job queue; WorkThreadGuard is a shared
+// reference to a queue. A queue lives while some guard refers to it: the
+// last guard to go stops and joins its thread, and the next request starts a
 // new one.
+//
+// Lanes. When a thread dies, the kernel marks as owner-dead only the first
+// 2,048 robust mutexes on its list (the most recently locked ones); any
+// further mutex it held would stay locked for ever, and a reader could not
+// tell it from a live one. So no work thread ever holds more locks than that:
+// the process has one primary queue (lane 0), which runs every job that is
+// not a lock, and further lanes that are started only when the lanes before
+// them are full of lasting locks (a record's liveness lock, held for the
+// record's life). Brief locks (a directory's, held for one operation) go to
+// the first lane with room, almost always lane 0. A lane whose last guard
+// goes is stopped and joined like any queue.
 //
 // Rules: a job must never call executeAndSet() (it would wait for a job
 // queued behind itself), and the last guard of a queue must not be dropped
@@ -49,6 +60,17 @@
 
 namespace agent::spf::endpointregistry {
 
+// How long a robust-mutex lock is held: for a record's whole life (its
+// liveness lock), or for one operation (a directory's lock).
+enum class LockTerm { Brief, Lasting };
+
+// The most robust mutexes that the kernel marks owner-dead for one dying
+// thread (its ROBUST_LIST_LIMIT). A work thread never holds more.
+inline constexpr unsigned robustListLimit = 2048;
+// The most lasting locks that one work thread holds: the rest of its list is
+// kept for brief locks taken meanwhile (one per caller thread at a time).
+inline constexpr unsigned lastingLocksPerLane = 2000;
+
 // Moves the calling thread off `cpu` when it runs there, to the other CPUs
 // it may use (if there are any); returns the CPUs it had, to be taken back
 // later, or nothing if it was not moved.
@@ -86,7 +108,13 @@ class WorkQueue {
   void beginHold() noexcept { holds.fetch_add(1, std::memory_order_acq_rel); }
   void endHold() noexcept { holds.fetch_sub(1, std::memory_order_acq_rel); }
 
+  // Robust-mutex locks this thread holds or is about to take (see
+  // WorkThreadGuard::forLock).
+  unsigned lockCount() const noexcept { return locks.load(std::memory_order_acquire); }
+
  private:
+  friend class WorkThreadGuard;
+
   void run();
   void startAwayFromCreator() noexcept;
   void abandonInForkedChild() noexcept;
@@ -102,6 +130,7 @@ class WorkQueue {
   std::atomic<int> awakeCpu{notStarted};
   std::atomic<int> holds{0};
   std::atomic<bool> jobInHand{false};  // from taking a job until it is destroyed
+  std::atomic<unsigned> locks{0};      // counted by the guards of forLock()
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
   int creatorCpu;    // the core its creator ran on as it started the thread
@@ -113,34 +142,55 @@ class WorkQueue {
 
 class WorkThreadGuard {
  public:
-  // Obtains the process's queue (starting it if none is live) and pushes `job`.
+  // Obtains the process's primary queue (starting it if none is live) and
+  // pushes `job`.
   explicit WorkThreadGuard(std::function<void()>&& job);
-  WorkThreadGuard(WorkThreadGuard&&) noexcept = default;
-  WorkThreadGuard& operator=(WorkThreadGuard&&) noexcept = default;
+  WorkThreadGuard(WorkThreadGuard&& other) noexcept;
+  // Drops the reference (and the lock room) held before, then takes the other's.
+  WorkThreadGuard& operator=(WorkThreadGuard&& other) noexcept;
   WorkThreadGuard(const WorkThreadGuard&) = delete;
   WorkThreadGuard& operator=(const WorkThreadGuard&) = delete;
-  ~WorkThreadGuard() = default;
+  ~WorkThreadGuard();
 
-  // Runs `function` on the work thread, waits for it, stores its result and
-  // returns the guard of the queue it ran on. Exceptions of the function are
-  // rethrown here (a std::exception after a 512 log record); `result` is then
-  // not written.
+  // Runs `function` on the primary work thread, waits for it, stores its
+  // result and returns the guard of the queue it ran on. Exceptions of the
+  // function are rethrown here (a std::exception after a 512 log record);
+  // `result` is then not written.
   static WorkThreadGuard executeAndSet(std::function<int()>&& function, int& result);
 
-  // A guard that runs nothing: it keeps the process's work thread (started
-  // here if none is live) for as long as it lives.
+  // A guard that runs nothing: it keeps the process's primary work thread
+  // (started here if none is live) for as long as it lives.
   static WorkThreadGuard holdThread();
+
+  // A guard on the first lane with room for one more lock of `term`
+  // (starting a lane if none has room): that room is the guard's until it
+  // goes, so the lane never holds more locks than the kernel repairs. Lock
+  // and unlock of that one mutex both run on this guard's thread (run()).
+  static WorkThreadGuard forLock(LockTerm term);
+
+  // Runs `function` on this guard's work thread, as executeAndSet() does on
+  // the primary one (same blocking, exceptions and log record).
+  void run(std::function<int()>&& function, int& result);
 
   // The queue this guard refers to (null after being moved from).
   const std::shared_ptr<WorkQueue>& queue() const noexcept { return workQueue; }
 
  private:
   WorkThreadGuard() = default;
-  // The process's live queue, or a new one.
+  // The process's live primary queue, or a new one.
   static std::shared_ptr<WorkQueue> processQueue();
+  // Gives back the lock room this guard holds, if any.
+  void releaseLockRoom() noexcept;
 
   std::shared_ptr<WorkQueue> workQueue;
+  bool holdsLockRoom = false;
 };
+
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+// Lets tests fill lanes with a few locks: the most lasting locks per lane,
+// and the most locks of any term (0 restores the defaults).
+void setLaneCapacityForTesting(unsigned lasting, unsigned total) noexcept;
+#endif
 
 // Holds the process's work thread for one operation that hands it several
 // jobs whose own guards come and go (a publication, a listing). The thread

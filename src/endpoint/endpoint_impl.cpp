@@ -87,9 +87,11 @@ PThreadRobustLockGuard Endpoint::Impl::getLivenessLock() {
   }
   pthread_mutex_t* mutex = &headerOf(sharedMemory).livenessMutex;
   PThreadRobustLockGuard::initializeMutex(mutex);
-  PThreadRobustLockGuard guard(mutex);
+  PThreadRobustLockGuard guard(mutex, LockTerm::Lasting);
   guard.setDestroyOnRelease();
   livenessFlagOf(sharedMemory).exchange(1);
+  // From here the flag and the lock tell readers that the record lives.
+  sharedMemory.endCreation();
   ER_TEST_HOOK("record.locked");
   return guard;
 }
@@ -104,30 +106,41 @@ SharedMemory Endpoint::Impl::findSharedMemory(const std::string& name, const std
 namespace {
 
 // A record whose flag is clear: mid-publication or mid-teardown while its
-// publisher exists, stale once it is gone.
-RecordState stateOfUnflagged(unsigned long pid) { return getpgid(static_cast<pid_t>(pid)) != -1 ? Transient : Stale; }
+// publisher exists, stale once it is gone. A publisher in another pid
+// namespace is not seen by its pid; its record still counts as being
+// published while the segment's creation claim is held, from before the
+// segment had its name until the flag was set. (Reclaiming a record in
+// teardown does no harm: it is being withdrawn.)
+//
+// Maintenance goes further: a record that is neither flagged nor claimed as
+// being created is either being withdrawn or left by a dead publisher, and
+// either way may go, whatever its pid names here (a reused pid would keep it
+// for ever otherwise).
+RecordState stateOfUnflagged(const SharedMemory& segment, unsigned long pid, RecordJudgement judgement) {
+  if (judgement == RecordJudgement::Listing && getpgid(static_cast<pid_t>(pid)) != -1) return Transient;
+  return segment.isBeingCreated() ? Transient : Stale;
+}
 
 }  // namespace
 
 RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
+  return classify(segment, pid, RecordJudgement::Listing);
+}
+
+RecordState Endpoint::Impl::classify(SharedMemory& segment, unsigned long pid, RecordJudgement judgement) {
   if (!segment.isAttached()) return Transient;
-  if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) return stateOfUnflagged(pid);
+  if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) return stateOfUnflagged(segment, pid, judgement);
   ER_TEST_HOOK("record.probing");
   const int state = PThreadRobustLockGuard::getMutexState(&headerOf(segment).livenessMutex);
   if (state == 0 || state == EOWNERDEAD) return Stale;
-  if (state == EDEADLK) return Live;
-  if (state == EBUSY) {
-    // Held, unless by a thread of the publisher that has ended: a thread that
-    // dies holding more robust mutexes than the kernel repairs leaves the
-    // rest locked for ever.
-    return PThreadRobustLockGuard::isHeldByLiveThreadOf(&headerOf(segment).livenessMutex, static_cast<pid_t>(pid))
-               ? Live
-               : Stale;
-  }
+  // Held by someone, in whatever pid namespace: no thread holds more record
+  // locks than the kernel marks owner-dead when it dies (work_queue.hpp), so
+  // a lock that outlived its owner always shows as EOWNERDEAD.
+  if (state == EBUSY || state == EDEADLK) return Live;
   // The publisher's teardown, or another reader's reclaim, clears the flag
   // before it destroys the mutex: a mutex destroyed after the flag was read
   // is no damage, and the record is classified as unflagged instead.
-  if (livenessFlagOf(segment).load() == 0) return stateOfUnflagged(pid);
+  if (livenessFlagOf(segment).load() == 0) return stateOfUnflagged(segment, pid, judgement);
   logMessage(mainLogger(), Error, "Endpoint::getState Mutex in undesired state. ", "(Mutex state ", state, ")");
   throw std::runtime_error(
       "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");
@@ -136,14 +149,12 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
 namespace {
 
 // The record's header, when it shows the record live: flag set, liveness
-// mutex held by a live thread of the publisher.
-std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader, unsigned long pid, RecordReadSession& session) {
+// mutex held (what a probe of the mutex would answer with EBUSY).
+std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader) {
   RecordHeader header;
   if (!reader.read(0, &header, sizeof header)) return std::nullopt;
   ER_TEST_HOOK("record.probing");
-  if (header.livenessFlag == 0) return std::nullopt;
-  const pid_t holder = PThreadRobustLockGuard::holderInCopy(header.livenessMutex);
-  if (holder == 0 || !session.threadAlive(static_cast<pid_t>(pid), holder)) return std::nullopt;
+  if (header.livenessFlag == 0 || !PThreadRobustLockGuard::heldInCopy(header.livenessMutex)) return std::nullopt;
   return header;
 }
 
@@ -153,9 +164,8 @@ std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader, unsigned
 // owner holding the mutex); the data is read only after the flag was seen
 // set. Any other record is left to the mapped path, which probes the mutex
 // itself and clears stale records away.
-std::optional<Endpoint::Impl::DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength,
-                                                       unsigned long pid, RecordReadSession& session) {
-  const std::optional<RecordHeader> header = readLiveHeader(reader, pid, session);
+std::optional<Endpoint::Impl::DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength) {
+  const std::optional<RecordHeader> header = readLiveHeader(reader);
   if (!header || header->firstLength > dataLength) return std::nullopt;
   std::string bytes(recordDataOffset + dataLength, '\0');
   if (!reader.read(0, bytes.data(), bytes.size()) || std::memcmp(bytes.data(), &*header, sizeof *header) != 0) {
@@ -175,37 +185,29 @@ SegmentReader openRecordReader(const std::string& name, const std::string& trust
   return SegmentReader::open(session.scopeFolder(), name, recordSegmentSize(dataLength), trustee, defaultSpecification);
 }
 
-// No segment behind the name. A reader that reclaimed the record and died
-// before erasing its name left the name without a segment; once the
-// publisher is gone as well, nothing else would ever erase it.
-Endpoint::Impl::DataPair absentRecord(const std::string& name, const std::string& trustee, unsigned long pid) {
-  if (getpgid(static_cast<pid_t>(pid)) == -1) eraseDirectoryName(name, trustee);
-  return {};
-}
-
 // The mapped path: probes the record's mutex itself, reads a live record,
 // clears a stale one away.
-Endpoint::Impl::DataPair readMappedRecord(SharedMemory& segment, const std::string& name, const std::string& trustee,
-                                          unsigned long pid) {
-  switch (Endpoint::Impl::getState(segment, pid)) {
+RecordRead readMappedRecord(SharedMemory& segment, const std::string& name, const std::string& trustee,
+                            unsigned long pid, RecordJudgement judgement) {
+  switch (Endpoint::Impl::classify(segment, pid, judgement)) {
     case Stale:
       // Only the reader whose exchange saw the flag set destroys the mutex.
       if (livenessFlagOf(segment).exchange(0) != 0) pthread_mutex_destroy(&headerOf(segment).livenessMutex);
       segment.markForDeletion();
       ER_TEST_HOOK("record.reclaiming");
       eraseDirectoryName(name, trustee);
-      return {};
+      return {RecordRead::Reclaimed, {}};
     case Live: {
       const std::string joined(reinterpret_cast<const char*>(dataOf(segment)), recordDataLength(name));
       const std::uint64_t firstLength = headerOf(segment).firstLength;
       std::string second = joined.substr(firstLength);
       std::string first = joined.substr(0, firstLength);
       // A copy taken while the publisher tore the record down is dropped.
-      if (Endpoint::Impl::getState(segment, pid) != Live) return {};
-      return {std::move(first), std::move(second)};
+      if (Endpoint::Impl::getState(segment, pid) != Live) return {RecordRead::Transient, {}};
+      return {RecordRead::Live, {std::move(first), std::move(second)}};
     }
     default:
-      return {};
+      return {RecordRead::Transient, {}};
   }
 }
 
@@ -214,15 +216,6 @@ Endpoint::Impl::DataPair readMappedRecord(SharedMemory& segment, const std::stri
 RecordReadSession::RecordReadSession(const std::string& trustee)
     : folder(agent::spf::sharedmemory::ScopeFolder::open(trustee)) {}
 
-bool RecordReadSession::threadAlive(pid_t process, pid_t thread) {
-  const std::uint64_t key =
-      static_cast<std::uint64_t>(static_cast<std::uint32_t>(process)) << 32 | static_cast<std::uint32_t>(thread);
-  if (aliveThreads.count(key) != 0) return true;
-  if (!PThreadRobustLockGuard::threadExists(process, thread)) return false;
-  aliveThreads.insert(key);
-  return true;
-}
-
 Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee) {
   RecordReadSession once;
   return getDataPair(name, trustee, once);
@@ -230,16 +223,23 @@ Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, co
 
 Endpoint::Impl::DataPair Endpoint::Impl::getDataPair(const std::string& name, const std::string& trustee,
                                                      RecordReadSession& session) {
+  return readRecord(name, trustee, session, RecordJudgement::Listing).data;
+}
+
+RecordRead Endpoint::Impl::readRecord(const std::string& name, const std::string& trustee, RecordReadSession& session,
+                                      RecordJudgement judgement) {
   if (recordFormat(name) != 0) return {};
-  const unsigned long pid = recordPid(name);
+  // A name without a segment reads as nothing and stays in the directory:
+  // erasing it is explicit maintenance (garbage_collection.hpp), which first
+  // makes sure that the segment is really absent.
   {
     const SegmentReader reader = openRecordReader(name, trustee, session);
-    if (!reader.isOpen()) return absentRecord(name, trustee, pid);
-    if (auto live = readLiveRecord(reader, recordDataLength(name), pid, session)) return std::move(*live);
+    if (!reader.isOpen()) return {};
+    if (auto live = readLiveRecord(reader, recordDataLength(name))) return {RecordRead::Live, std::move(*live)};
   }
   SharedMemory segment = findSharedMemory(name, trustee);
-  if (!segment.isAttached()) return absentRecord(name, trustee, pid);
-  return readMappedRecord(segment, name, trustee, pid);
+  if (!segment.isAttached()) return {};
+  return readMappedRecord(segment, name, trustee, recordPid(name), judgement);
 }
 
 std::vector<std::string> Endpoint::Impl::filterNames(const std::string& groupTag, const std::string& trustee) {
@@ -250,17 +250,16 @@ std::size_t Endpoint::Impl::countSynonymEndpoints(const DataPair& data, const st
   std::size_t count = 0;
   RecordReadSession session;
   for (const std::string& name : listDirectoryNames(synonymPrefix(data, groupTag), "")) {
-    const unsigned long pid = recordPid(name);
     {
       const SegmentReader reader = openRecordReader(name, "", session);
       if (!reader.isOpen()) continue;
-      if (readLiveHeader(reader, pid, session)) {
+      if (readLiveHeader(reader)) {
         ++count;
         continue;
       }
     }
     SharedMemory segment = findSharedMemory(name, "");
-    if (segment.isAttached() && getState(segment, pid) != Stale) ++count;
+    if (segment.isAttached() && getState(segment, recordPid(name)) != Stale) ++count;
   }
   return count;
 }

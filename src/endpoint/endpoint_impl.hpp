@@ -19,7 +19,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -53,10 +52,26 @@ enum RecordState : unsigned {
   Live = 2,       // the liveness mutex is held
 };
 
-// What a listing learns once and uses for every record it reads in one
-// trustee's directory: the trustee's scope folder, opened and checked once,
-// and the publishers' threads already found alive (records of one publisher
-// share the thread that holds their mutexes).
+// What one read of a record found (Endpoint::Impl::readRecord).
+struct RecordRead {
+  enum Finding {
+    Unreadable,  // not a record of format 0, or its segment could not be opened
+    Transient,   // being published or withdrawn, or changed while it was read
+    Live,        // `data` holds its data pair
+    Reclaimed,   // stale: cleared away by this read
+  };
+  Finding finding = Unreadable;
+  std::pair<std::string, std::string> data;
+};
+
+// How a reader judges a record whose flag is clear and whose segment is not
+// claimed as being created. A listing follows the record's pid (stale only
+// once no process has it); maintenance takes it for stale whatever the pid
+// names (withdrawing or dead, either way on its way out).
+enum class RecordJudgement { Listing, Maintenance };
+
+// What a listing opens once and uses for every record it reads in one
+// trustee's directory: the trustee's scope folder, opened and checked once.
 class RecordReadSession {
  public:
   // A session without a folder opened beforehand: each record's open checks
@@ -65,12 +80,9 @@ class RecordReadSession {
   explicit RecordReadSession(const std::string& trustee);
 
   const agent::spf::sharedmemory::ScopeFolder& scopeFolder() const { return folder; }
-  // True when `thread` exists in `process`; asks the system once per session.
-  bool threadAlive(pid_t process, pid_t thread);
 
  private:
   agent::spf::sharedmemory::ScopeFolder folder;
-  std::unordered_set<std::uint64_t> aliveThreads;  // process << 32 | thread
 };
 
 // One record of an Endpoint. Internal: the class of the exported Endpoint
@@ -100,10 +112,15 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
 
   static SharedMemory findSharedMemory(const std::string& name, const std::string& trustee);
   static RecordState getState(SharedMemory& segment, unsigned long pid);
+  // getState() with the judgement of unflagged records chosen.
+  static RecordState classify(SharedMemory& segment, unsigned long pid, RecordJudgement judgement);
   // The data pair of a live record, else two empty strings; reclaims a stale one.
   static DataPair getDataPair(const std::string& name, const std::string& trustee);
   // The same, for one record of a listing's session.
   static DataPair getDataPair(const std::string& name, const std::string& trustee, RecordReadSession& session);
+  // The same, telling what was found.
+  static RecordRead readRecord(const std::string& name, const std::string& trustee, RecordReadSession& session,
+                               RecordJudgement judgement);
   static std::vector<std::string> filterNames(const std::string& groupTag, const std::string& trustee);
   static std::size_t countSynonymEndpoints(const DataPair& data, const std::string& groupTag);
 

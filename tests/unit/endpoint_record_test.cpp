@@ -125,6 +125,11 @@ TEST_F(EndpointRecordTest, UnflaggedRecordIsTransientWhileItsProcessExists) {
   EXPECT_EQ(Endpoint::Impl::countSynonymEndpoints(data, tag), 1u);
   EXPECT_EQ(Endpoint::Impl::getDataPair(name, ""), DataPair{});
   EXPECT_TRUE(fileExists(userScope() + "/" + name));
+  // While its creator still claims it as being created, the record is not
+  // stale even when its pid names no process here (a publisher in another pid
+  // namespace); once the claim ends, the pid decides.
+  EXPECT_EQ(Endpoint::Impl::getState(planted, static_cast<unsigned long>(deadPid())), Transient);
+  planted.endCreation();
   EXPECT_EQ(Endpoint::Impl::getState(planted, static_cast<unsigned long>(deadPid())), Stale);
   planted.markForDeletion();
 }

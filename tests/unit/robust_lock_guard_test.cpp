@@ -1,5 +1,6 @@
 #include "concurrency/robust_lock_guard.hpp"
 
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -11,10 +12,12 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -323,53 +326,43 @@ pthread_mutex_t copyOf(const pthread_mutex_t* mutex) {
   return copy;
 }
 
-// What a reader concludes from a copy: held by a live thread of `process`.
-bool showsHeldByLiveThreadOf(const pthread_mutex_t& copy, pid_t process) {
-  const pid_t holder = PThreadRobustLockGuard::holderInCopy(copy);
-  return holder != 0 && PThreadRobustLockGuard::threadExists(process, holder);
-}
-
 }  // namespace
 
-TEST(RobustLockGuardTest, CopyShowsAMutexHeldByALiveThreadOfTheProcess) {
+TEST(RobustLockGuardTest, CopyShowsAHeldMutexAsHeldToEveryThread) {
   SharedMutex mutex;
-  EXPECT_FALSE(showsHeldByLiveThreadOf(copyOf(mutex.get()), getpid()));  // free
+  EXPECT_FALSE(PThreadRobustLockGuard::heldInCopy(copyOf(mutex.get())));  // free
   PThreadRobustLockGuard guard(mutex.get());
   const pthread_mutex_t held = copyOf(mutex.get());
-  EXPECT_TRUE(showsHeldByLiveThreadOf(held, getpid()));
-  // The work thread is no thread of another process.
-  EXPECT_FALSE(showsHeldByLiveThreadOf(held, getppid()));
-  // Nor does the copy count as held for the very thread that holds it.
+  EXPECT_TRUE(PThreadRobustLockGuard::heldInCopy(held));
+  // As the probe itself answers EDEADLK to the holder, which counts as held.
   int seenByHolder = -1;
-  auto onWorkThread =
-      WorkThreadGuard::executeAndSet([&held] { return showsHeldByLiveThreadOf(held, getpid()) ? 1 : 0; }, seenByHolder);
-  EXPECT_EQ(seenByHolder, 0);
+  WorkThreadGuard onWorkThread = WorkThreadGuard::executeAndSet(
+      [&held] { return PThreadRobustLockGuard::heldInCopy(held) ? 1 : 0; }, seenByHolder);
+  EXPECT_EQ(seenByHolder, 1);
 }
 
-TEST(RobustLockGuardTest, CopyOfAnOwnerDeadOrOddMutexCannotTell) {
+// The lock word alone decides: a thread id that names no thread of this pid
+// namespace still shows the mutex held, as a probe would answer EBUSY to it.
+TEST(RobustLockGuardTest, CopyJudgesByTheLockWordNotByTheThreadId) {
   SharedMutex mutex;
   PThreadRobustLockGuard guard(mutex.get());
-  pthread_mutex_t copy = copyOf(mutex.get());
-  unsigned word = 0;
-  std::memcpy(&word, &copy, sizeof word);
+  const pthread_mutex_t copy = copyOf(mutex.get());
+  pthread_mutex_t foreignOwner = copy;
+  const unsigned foreign = 0x3ffffffeu;  // no such thread here
+  std::memcpy(&foreignOwner, &foreign, sizeof foreign);
+  EXPECT_TRUE(PThreadRobustLockGuard::heldInCopy(foreignOwner));
   pthread_mutex_t ownerDied = copy;
-  const unsigned marked = word | 0x40000000u;
+  const unsigned marked = FUTEX_OWNER_DIED;  // the kernel clears the id as it marks
   std::memcpy(&ownerDied, &marked, sizeof marked);
-  EXPECT_FALSE(showsHeldByLiveThreadOf(ownerDied, getpid()));
+  EXPECT_FALSE(PThreadRobustLockGuard::heldInCopy(ownerDied));
   pthread_mutex_t oddKind = copy;
   oddKind.__data.__kind = 0x7ff;
-  EXPECT_FALSE(showsHeldByLiveThreadOf(oddKind, getpid()));
-  // A thread id that belongs to no thread of this process.
-  pthread_mutex_t goneOwner = copy;
-  const unsigned gone = 0x3ffffffeu;
-  std::memcpy(&goneOwner, &gone, sizeof gone);
-  EXPECT_FALSE(showsHeldByLiveThreadOf(goneOwner, getpid()));
+  EXPECT_FALSE(PThreadRobustLockGuard::heldInCopy(oddKind));
 }
 
-TEST(RobustLockGuardTest, CopyOfAMutexWhoseHolderWasKilledCannotTell) {
+TEST(RobustLockGuardTest, MutexOfAKilledHolderShowsAsNotHeld) {
   SharedMutex mutex;
   pthread_mutex_t copy;
-  pid_t holder = 0;
   {
     er::test::ChildProcess child([&mutex](er::test::ChildProcess& self) {
       PThreadRobustLockGuard guard(mutex.get());
@@ -378,14 +371,97 @@ TEST(RobustLockGuardTest, CopyOfAMutexWhoseHolderWasKilledCannotTell) {
       return 0;
     });
     ASSERT_EQ(child.readFromChild(30s), std::optional<std::string>("locked"));
-    holder = child.pid();
     copy = copyOf(mutex.get());
-    EXPECT_TRUE(showsHeldByLiveThreadOf(copy, holder));
+    EXPECT_TRUE(PThreadRobustLockGuard::heldInCopy(copy));
     child.kill(SIGKILL);
     ASSERT_EQ(child.wait(30s), std::optional<int>(128 + SIGKILL));
   }
-  // The copy taken while it lived names a thread that is gone.
-  EXPECT_FALSE(showsHeldByLiveThreadOf(copy, holder));
-  EXPECT_FALSE(showsHeldByLiveThreadOf(copyOf(mutex.get()), holder));
+  // The kernel marked it owner-dead as the holder died.
+  EXPECT_FALSE(PThreadRobustLockGuard::heldInCopy(copyOf(mutex.get())));
   EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), EOWNERDEAD);
 }
+
+// A zero-filled mutex set up by one atomic write is the mutex that
+// initializeMutex() makes, and setting it up again, even while it is held,
+// changes nothing.
+TEST(RobustLockGuardTest, ZeroedMutexIsSetUpOnceAndLeftAloneAfterwards) {
+  SharedMutex made;
+  PThreadRobustLockGuard::initializeMutex(made.get());
+  SharedMutex zeroed;
+  std::memset(zeroed.get(), 0, sizeof(pthread_mutex_t));
+  EXPECT_TRUE(PThreadRobustLockGuard::initializeZeroedMutex(zeroed.get()));
+  EXPECT_EQ(std::memcmp(zeroed.get(), made.get(), sizeof(pthread_mutex_t)), 0);
+  {
+    PThreadRobustLockGuard guard(zeroed.get());
+    const pthread_mutex_t held = copyOf(zeroed.get());
+    EXPECT_TRUE(PThreadRobustLockGuard::initializeZeroedMutex(zeroed.get()));
+    EXPECT_EQ(std::memcmp(zeroed.get(), &held, sizeof held), 0);
+    EXPECT_EQ(stateInChild(zeroed.get()), std::optional<int>(EBUSY));
+  }
+  EXPECT_EQ(PThreadRobustLockGuard::getMutexState(zeroed.get()), 0);
+  pthread_mutex_t other;
+  std::memset(&other, 0, sizeof other);
+  other.__data.__kind = 0x7ff;
+  EXPECT_FALSE(PThreadRobustLockGuard::initializeZeroedMutex(&other));
+  EXPECT_EQ(other.__data.__kind, 0x7ff);
+}
+
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+
+namespace {
+
+// The kernel thread that holds `mutex`, read from its lock word.
+pid_t holderOf(const pthread_mutex_t* mutex) {
+  unsigned word = 0;
+  std::memcpy(&word, mutex, sizeof word);
+  return static_cast<pid_t>(word & FUTEX_TID_MASK);
+}
+
+// Restores the lanes' room when a test that narrowed it ends.
+struct LaneCapacity {
+  LaneCapacity(unsigned lasting, unsigned total) { registry::setLaneCapacityForTesting(lasting, total); }
+  ~LaneCapacity() { registry::setLaneCapacityForTesting(0, 0); }
+};
+
+}  // namespace
+
+// No work thread holds more locks than its lane has room for: further
+// lasting locks go to further lanes, each a thread of its own, started when
+// needed and joined when their last lock goes.
+TEST(RobustLockGuardTest, LastingLocksBeyondALanesRoomGoToFurtherThreads) {
+  const LaneCapacity capacity(2, 3);
+  const std::size_t threadsBefore = threadCount();
+  std::vector<std::unique_ptr<SharedMutex>> mutexes;
+  std::vector<PThreadRobustLockGuard> guards;
+  for (int i = 0; i < 5; ++i) {
+    mutexes.push_back(std::make_unique<SharedMutex>());
+    guards.emplace_back(mutexes.back()->get(), registry::LockTerm::Lasting);
+  }
+  std::vector<pid_t> holders;
+  for (const auto& mutex : mutexes) holders.push_back(holderOf(mutex->get()));
+  EXPECT_EQ(holders[0], holders[1]);
+  EXPECT_EQ(holders[2], holders[3]);
+  EXPECT_NE(holders[0], holders[2]);
+  EXPECT_NE(holders[4], holders[0]);
+  EXPECT_NE(holders[4], holders[2]);
+  EXPECT_EQ(threadCount(), threadsBefore + 3);
+
+  // A brief lock still finds room on the first lane (2 of 3 taken).
+  SharedMutex directory;
+  {
+    const PThreadRobustLockGuard brief(directory.get());
+    EXPECT_EQ(holderOf(directory.get()), holders[0]);
+  }
+  // Room given back is taken again before any new lane is started.
+  guards.erase(guards.begin() + 1);
+  SharedMutex again;
+  guards.emplace_back(again.get(), registry::LockTerm::Lasting);
+  EXPECT_EQ(holderOf(again.get()), holders[0]);
+  EXPECT_EQ(threadCount(), threadsBefore + 3);
+
+  guards.clear();
+  EXPECT_EQ(threadCount(), threadsBefore);
+  for (const auto& mutex : mutexes) EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex->get()), 0);
+}
+
+#endif

@@ -1,8 +1,11 @@
-// Listing the segment names of one trustee's scope folder.
+// Listing the segment names of one trustee's scope folder, and asking it
+// whether a name is there.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <climits>
 
 #include "agent/spf/sharedmemory/shared_memory.hpp"
 #include "diagnostic.hpp"
@@ -75,6 +78,24 @@ std::vector<std::string> listSegmentNames(const std::string& trustee, const std:
     names.clear();
   }
   return names;
+}
+
+SegmentPresence segmentPresence(const std::string& trustee, const std::string& name) noexcept {
+  try {
+    if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX ||
+        name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+      return SegmentPresence::Unknown;
+    }
+    Scope scope;
+    if (!detail::resolveScope(trustee, scope).ok()) return SegmentPresence::Unknown;
+    UniqueFd folder;
+    if (!detail::openScopeFolder(scope, false, folder).ok()) return SegmentPresence::Unknown;
+    struct stat st {};
+    if (fstatat(folder.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return SegmentPresence::Present;
+    return errno == ENOENT ? SegmentPresence::Absent : SegmentPresence::Unknown;
+  } catch (...) {
+    return SegmentPresence::Unknown;
+  }
 }
 
 }  // namespace agent::spf::sharedmemory

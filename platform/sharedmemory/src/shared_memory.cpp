@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,7 +65,15 @@ struct Opened {
   dev_t device = 0;
   ino_t inode = 0;
   bool created = false;
+  int creationClaim = -1;  // created: the descriptor that holds the claim
 };
+
+// Claims a file that this process is creating: an exclusive lock on it,
+// which isBeingCreated() looks for, held by the descriptor that the handle
+// keeps until endCreation(). Taken before anybody else can open the file. A
+// file system without such locks leaves the segment unclaimed, and readers
+// judge it without the claim.
+bool claimCreation(int fd) { return flock(fd, LOCK_EX | LOCK_NB) == 0; }
 
 Outcome refused(std::string reason) { return {Problem::Refused, std::move(reason)}; }
 
@@ -205,6 +214,8 @@ Outcome createUnnamedThenLink(const Scope& scope, int tmpFd, int folder, const s
   if (fstat(fd.get(), &st) != 0) return detail::systemFailure("fstat", errno);
   Outcome setUp = setUpSegment(scope, fd.get(), st, size, opened);
   if (!setUp.ok()) return setUp;
+  // Claimed before the name appears, so that no reader sees it unclaimed.
+  const bool claimed = claimCreation(fd.get());
   const int error = linkUnnamed(fd.get(), folder, name);
   if (error != 0) {
     munmap(opened.address, size);
@@ -215,6 +226,7 @@ Outcome createUnnamedThenLink(const Scope& scope, int tmpFd, int folder, const s
   opened.device = st.st_dev;
   opened.inode = st.st_ino;
   opened.created = true;
+  if (claimed) opened.creationClaim = fd.release();
   return {};
 }
 
@@ -236,6 +248,7 @@ Outcome createSegment(const Scope& scope, int folder, const std::string& name, s
     if (error == EEXIST) return {Problem::Exists, "exists already"};
     return detail::systemFailure("open", error);
   }
+  const bool claimed = claimCreation(fd.get());
   struct stat st {};
   if (fstat(fd.get(), &st) != 0) {
     // Without the identity of the file its name cannot be removed safely.
@@ -249,6 +262,7 @@ Outcome createSegment(const Scope& scope, int folder, const std::string& name, s
   opened.device = st.st_dev;
   opened.inode = st.st_ino;
   opened.created = true;
+  if (claimed) opened.creationClaim = fd.release();
   return {};
 }
 
@@ -343,6 +357,7 @@ SharedMemory SharedMemory::attach(OpenMode mode, const std::string& name, std::s
     }
     handle.address_ = opened.address;
     handle.size_ = size;
+    handle.creationClaim_ = opened.creationClaim;
     handle.creator_ = opened.created;
     handle.creatorPid_ = opened.created ? getpid() : 0;
     handle.device_ = opened.device;
@@ -364,6 +379,7 @@ SharedMemory::SharedMemory(SharedMemory&& other) noexcept
       size_(std::exchange(other.size_, 0)),
       creator_(std::exchange(other.creator_, false)),
       keepName_(std::exchange(other.keepName_, false)),
+      creationClaim_(std::exchange(other.creationClaim_, -1)),
       creatorPid_(std::exchange(other.creatorPid_, 0)),
       device_(std::exchange(other.device_, 0)),
       inode_(std::exchange(other.inode_, 0)),
@@ -382,6 +398,7 @@ SharedMemory& SharedMemory::operator=(SharedMemory&& other) noexcept {
   size_ = std::exchange(other.size_, 0);
   creator_ = std::exchange(other.creator_, false);
   keepName_ = std::exchange(other.keepName_, false);
+  creationClaim_ = std::exchange(other.creationClaim_, -1);
   creatorPid_ = std::exchange(other.creatorPid_, 0);
   device_ = std::exchange(other.device_, 0);
   inode_ = std::exchange(other.inode_, 0);
@@ -404,7 +421,43 @@ void SharedMemory::markForDeletion() noexcept {
   keepName_ = true;
 }
 
+void SharedMemory::endCreation() noexcept {
+  if (creationClaim_ < 0) return;
+  // The mapping holds the locked file open as well, so closing would not
+  // drop the claim; it is dropped explicitly, and only by the creating
+  // process (a forked child's copy shares the parent's lock). A creator that
+  // dies drops it with its last reference to the file.
+  if (creatorPid_ == getpid()) flock(creationClaim_, LOCK_UN);
+  ::close(creationClaim_);
+  creationClaim_ = -1;
+}
+
+bool SharedMemory::isBeingCreated() const noexcept {
+  if (!isAttached()) return false;
+  try {
+    UniqueFd own;
+    int folder = -1;
+    const detail::SharedFolder trusted = detail::trustedScopeFolder(scopePath_);
+    if (trusted) {
+      folder = trusted->get();
+    } else {
+      own.reset(::open(scopePath_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      folder = own.get();
+    }
+    if (folder < 0) return false;
+    const UniqueFd fd(openat(folder, name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat st {};
+    if (!fd.valid() || fstat(fd.get(), &st) != 0 || st.st_dev != device_ || st.st_ino != inode_) return false;
+    // A shared lock is refused only while the creator's exclusive one is held;
+    // one that is granted goes with the descriptor.
+    return flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  } catch (...) {
+    return false;
+  }
+}
+
 void SharedMemory::release() noexcept {
+  endCreation();
   if (address_ != nullptr) {
     const bool removesName = creator_ && !keepName_ && creatorPid_ == getpid();
     if (removesName) detail::forgetMapping(address_);

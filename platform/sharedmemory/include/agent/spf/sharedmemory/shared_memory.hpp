@@ -21,8 +21,12 @@
 // the segment and, if this handle created it and neither makePersistent()
 // nor markForDeletion() was called, removes its name. A copy inherited by a
 // forked child never removes the name on release: the segment belongs to the
-// parent. No file descriptor is kept open while a segment is mapped; the
-// scope folders in use are kept open (one close-on-exec descriptor each).
+// parent. A created segment is claimed as being created (a lock on its file,
+// held on one close-on-exec descriptor) from before its name appears until
+// endCreation() or the release of the creating handle; other processes ask
+// isBeingCreated(). No other file descriptor is kept open while a segment is
+// mapped; the scope folders in use are kept open (one close-on-exec
+// descriptor each).
 // A released mapping of a found segment may be kept (at most 16 such, for at
 // most 2 s) and reused by a later find of the same segment, after one stat
 // shows that its name still names it; a segment this process removes is
@@ -85,6 +89,18 @@ class SharedMemory {
   // makePersistent(); mappings stay valid until released.
   void markForDeletion() noexcept;
 
+  // Ends this creating handle's claim on the segment (see isBeingCreated);
+  // no effect on a handle that holds none.
+  void endCreation() noexcept;
+  // True while the process that created the segment still claims it as
+  // being created: between its create() and its endCreation() or release.
+  // The claim is a lock on the file, which the system drops when its holder
+  // dies (with its last mapping of the file: a forked child that keeps the
+  // creator's mapping keeps the claim), so the answer needs no process id
+  // and holds across pid namespaces. False for an unattached handle, for a segment whose name no
+  // longer names it, and when the answer cannot be had.
+  bool isBeingCreated() const noexcept;
+
  private:
   enum class OpenMode : unsigned char;
   // The work of create(), find() and createOrFind(); logs any failure.
@@ -97,8 +113,9 @@ class SharedMemory {
   void* address_ = nullptr;
   std::size_t size_ = 0;
   bool creator_ = false;
-  bool keepName_ = false;  // persistent, or the name was already removed
-  pid_t creatorPid_ = 0;   // process that created the segment, if this handle did
+  bool keepName_ = false;   // persistent, or the name was already removed
+  int creationClaim_ = -1;  // a created segment's locked descriptor, until endCreation()
+  pid_t creatorPid_ = 0;    // process that created the segment, if this handle did
   dev_t device_ = 0;
   ino_t inode_ = 0;
   std::string name_;
@@ -177,6 +194,14 @@ class SegmentReader {
 
 // The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
 std::string getCurrentUserName();
+
+// Whether the trustee's segment `name` exists, as its scope folder tells.
+enum class SegmentPresence {
+  Present,
+  Absent,   // the scope folder is there, passes its checks, and has no such name
+  Unknown,  // anything else: the folder is missing or refused, the name is invalid, a call failed
+};
+SegmentPresence segmentPresence(const std::string& trustee, const std::string& name) noexcept;
 
 // The names of the trustee's segments that begin with `prefix`, in no
 // particular order: every regular file of the trustee's scope folder, whether
