@@ -46,7 +46,7 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 void checkContainerSize(std::uint64_t width, std::uint64_t count) {
   const auto size = checkedContainerSize(width, count);
   const unsigned __int128 exact = static_cast<unsigned __int128>(width) * count + 9;
-  const bool sane = count <= (1u << 20) && (count == 0 || width != 0) && (count == 0 || exact <= (32u << 20));
+  const bool sane = count == 0 || (width != 0 && exact <= static_cast<unsigned __int128>(PTRDIFF_MAX));
   check(size.has_value() == sane, "absurd descriptors and only they are refused");
   if (size) check(*size == (count == 0 ? 9 : exact), "the container size is rowCount x rowWidth + 9");
 }

@@ -13,22 +13,13 @@ namespace {
 
 using agent::spf::sharedmemory::SharedMemory;
 
-// The bounds the library itself puts on a container descriptor.
-constexpr std::size_t maxContainerBytes = std::size_t{32} << 20;
-constexpr std::uint64_t maxRowCount = std::uint64_t{1} << 20;
 constexpr int copyAttempts = 5;
 
 constexpr SharedMemory::ImplementationSpecifications defaultSpecification{};
 
 // rowCount x rowWidth + 9, or nothing when the descriptor is absurd.
 std::optional<std::size_t> containerBytes(const RawSlot& slot) {
-  if (slot.rowCount > maxRowCount) return std::nullopt;
-  if (slot.rowCount == 0) return NamedStringArray::containerHeaderSize + 1;
-  if (slot.rowWidth == 0) return std::nullopt;
-  if (slot.rowWidth > (maxContainerBytes - NamedStringArray::containerHeaderSize - 1) / slot.rowCount) {
-    return std::nullopt;
-  }
-  return slot.rowWidth * slot.rowCount + NamedStringArray::containerHeaderSize + 1;
+  return checkedContainerSize(slot.rowWidth, slot.rowCount);
 }
 
 void copyHeader(const SharedMemory& base, RawDirectory& directory) {

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 
 namespace agent::spf::endpointregistry {
 namespace {
-
-constexpr std::size_t maxContainerBytes = std::size_t{32} << 20;
-constexpr unsigned long maxRowCount = 1ul << 20;
 
 // End of the string that starts at `start`: its zero byte, or the row's end
 // when the row holds none. Never looks past the row.
@@ -46,10 +44,11 @@ unsigned countOf(const unsigned char* row) {
 
 std::optional<std::size_t> checkedContainerSize(unsigned long rowWidth, unsigned long rowCount) {
   constexpr std::size_t frame = ContainerRows::headerBytes + ContainerRows::trailerBytes;
-  if (rowCount > maxRowCount) return std::nullopt;
   if (rowCount == 0) return frame;
   if (rowWidth == 0) return std::nullopt;
-  if (rowWidth > (maxContainerBytes - frame) / rowCount) return std::nullopt;
+  // Whatever is mapped must also fit a signed file offset.
+  constexpr std::size_t largest = static_cast<std::size_t>(PTRDIFF_MAX);
+  if (rowWidth > (largest - frame) / rowCount) return std::nullopt;
   return rowWidth * rowCount + frame;
 }
 
@@ -72,6 +71,11 @@ std::vector<ContainerRows::Entry> ContainerRows::list(const std::string& prefix)
     entries.push_back(readStrings(current, rowWidth_, count));
   }
   return entries;
+}
+
+ContainerRows::Entry ContainerRows::entryAt(unsigned long index) const {
+  const unsigned char* current = row(index);
+  return readStrings(current, rowWidth_, countOf(current));
 }
 
 std::optional<unsigned long> ContainerRows::find(const Entry& entry) const {

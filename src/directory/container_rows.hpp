@@ -23,11 +23,15 @@
 namespace agent::spf::endpointregistry {
 
 // rowCount x rowWidth + 9, the size of a container segment, or nothing when
-// the descriptor is absurd: the sum overflows, the container would exceed
-// 32 MiB or 2^20 rows, or its rows have width 0 (no room for a count byte).
-// The limits keep every mapping and every listing bounded: a listing holds at
-// most one std::string per container byte.
+// the descriptor cannot describe one: the size overflows, or its rows have
+// width 0 (no room for a count byte). There is no upper bound here: a
+// directory that exists is read whole, however large it grew.
 std::optional<std::size_t> checkedContainerSize(unsigned long rowWidth, unsigned long rowCount);
+
+// The largest container a directory is grown to (32 MiB): an insert that
+// would need more fails with an error, while larger containers made by
+// others are still read, kept and shrunk.
+inline constexpr std::size_t maxGrownContainerBytes = std::size_t{32} << 20;
 
 // `value` rounded up to a multiple of `increment` (an increment of 0 counts
 // as 1); nothing on overflow.
@@ -65,6 +69,10 @@ class ContainerRows {
   // strings read from byte 1, at most its element count of them, stopping
   // early when the next string would start beyond the row's last byte.
   std::vector<Entry> list(const std::string& prefix) const;
+
+  // The strings of row `index`, read as list() reads them (nothing for a
+  // free row).
+  Entry entryAt(unsigned long index) const;
 
   // The first row that holds exactly the strings of `entry` (a free row
   // matches the empty entry).

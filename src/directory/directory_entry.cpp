@@ -7,6 +7,7 @@
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
 #include "directory/named_string_array.hpp"
+#include "directory/segment_names.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -40,6 +41,18 @@ std::vector<std::string> listDirectoryNames(const std::string& prefix, const std
     if (entry.size() == 1) names.push_back(std::move(entry.front()));
   }
   return names;
+}
+
+std::size_t eraseDanglingNames(const std::string& trustee) {
+  using agent::spf::sharedmemory::SegmentPresence;
+  return registryDirectory(trustee).eraseIf([&trustee](const NamedStringArray::Entry& entry) {
+    return entry.size() == 1 && entry.front().rfind(recordPrefix, 0) == 0 &&
+           agent::spf::sharedmemory::segmentPresence(trustee, entry.front()) == SegmentPresence::Absent;
+  });
+}
+
+std::size_t removeLeftoverContainers(const std::string& trustee) {
+  return registryDirectory(trustee).removeLeftoverContainers();
 }
 
 }  // namespace agent::spf::endpointregistry

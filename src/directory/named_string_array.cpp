@@ -31,9 +31,9 @@ bool isInitialized(NamedStringArrayBase& header) {
 }
 
 // The container one descriptor slot describes. The bytes of the base are
-// written by other processes and are not trusted: a descriptor whose size is
-// absurd (checkedContainerSize) makes readers treat the directory as empty
-// and writers rebuild it as empty.
+// written by other processes and are not trusted: a descriptor that cannot
+// describe a container (checkedContainerSize) makes readers treat the
+// directory as empty and writers rebuild it as empty.
 struct ContainerShape {
   unsigned long number = 0;
   unsigned long rowCount = 0;
@@ -63,11 +63,48 @@ std::string containerName(const std::string& baseName, unsigned long number) {
 }
 
 // Removes the name of a segment whatever its size; only its name is needed,
-// so it is opened with the smallest size.
-void removeSegment(const std::string& name, const std::string& trustee,
+// so it is opened with the smallest size. False when it could not be found.
+bool removeSegment(const std::string& name, const std::string& trustee,
                    SharedMemory::ImplementationSpecifications implementation) {
   SharedMemory segment = SharedMemory::find(name, 1, trustee, implementation);
-  if (segment.isAttached()) segment.markForDeletion();
+  if (!segment.isAttached()) return false;
+  segment.markForDeletion();
+  return true;
+}
+
+// The first eight bytes of the base, as one word: initializerPid,
+// initialized, activeSlot and padding.
+struct ClaimWord {
+  std::uint32_t initializerPid;
+  std::uint8_t initialized;
+  std::uint8_t rest[3];
+};
+static_assert(sizeof(ClaimWord) == sizeof(std::uint64_t));
+static_assert(offsetof(NamedStringArrayBase, initializerPid) == 0 && offsetof(NamedStringArrayBase, initialized) == 4);
+
+// Sets `initialized` only while the claim is still `self`'s, in one atomic
+// step, so that a claimer whose claim was withdrawn meanwhile never marks a
+// base that another claimer is setting up. False when the claim is gone (the
+// base is then whoever took it over's to finish). A claim that stands on a
+// base marked initialised already is the inconsistency of a base claimed as
+// fresh: logged and thrown.
+bool markInitializedWhileClaimed(NamedStringArrayBase& header, std::uint32_t self) {
+  auto* word = reinterpret_cast<std::uint64_t*>(&header);
+  std::uint64_t seen = __atomic_load_n(word, __ATOMIC_SEQ_CST);
+  for (;;) {
+    ClaimWord current;
+    std::memcpy(&current, &seen, sizeof current);
+    if (current.initializerPid != self) return false;
+    if (current.initialized != 0) {
+      logMessage(mainLogger(), Error, "NamedStringArray::initializeBase: ", "Inconsistent initial state of base.");
+      throw std::runtime_error("System Error: Endpoint::NamedStringArray::initializeBase: Inconsistent initial state");
+    }
+    ClaimWord done = current;
+    done.initialized = 1;
+    std::uint64_t desired = 0;
+    std::memcpy(&desired, &done, sizeof desired);
+    if (__atomic_compare_exchange_n(word, &seen, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) return true;
+  }
 }
 
 [[noreturn]] void failToGrow() {
@@ -99,19 +136,24 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
   if (base.isCreator()) base.makePersistent();
   NamedStringArrayBase& header = headerOf(base);
   std::atomic_ref<std::uint32_t> initializerPid(header.initializerPid);
+  const auto self = static_cast<std::uint32_t>(getpid());
   std::uint32_t claimer = 0;
-  if (!initializerPid.compare_exchange_strong(claimer, static_cast<std::uint32_t>(getpid()))) {
+  if (!initializerPid.compare_exchange_strong(claimer, self)) {
     if (isInitialized(header)) return true;
     if (getpgid(static_cast<pid_t>(claimer)) == -1) initializerPid.exchange(0);
     return false;
   }
   ER_TEST_HOOK("directory.initialize.claimed");
-  PThreadRobustLockGuard::initializeMutex(&header.mutex);
-  header.containerNumber[activeSlotOf(header)] = 1;
-  std::uint8_t before = 0;
-  if (std::atomic_ref<std::uint8_t>(header.initialized).compare_exchange_strong(before, 1)) return true;
-  logMessage(mainLogger(), Error, "NamedStringArray::initializeBase: ", "Inconsistent initial state of base.");
-  throw std::runtime_error("System Error: Endpoint::NamedStringArray::initializeBase: Inconsistent initial state");
+  // A claim can be withdrawn while its claimer still works (after a long
+  // stop, or by a process in another pid namespace, to which the claimer's
+  // pid means nothing), and then be taken by another process. So each step
+  // is one atomic write that only turns the zero bytes of a new base into
+  // their initial values: taken twice, or late, it changes nothing.
+  PThreadRobustLockGuard::initializeZeroedMutex(&header.mutex);
+  std::uint64_t none = 0;
+  std::atomic_ref<std::uint64_t>(header.containerNumber[activeSlotOf(header)]).compare_exchange_strong(none, 1);
+  if (markInitializedWhileClaimed(header, self)) return true;
+  return isInitialized(header);
 }
 
 void NamedStringArray::insert(const Entry& entry) {
@@ -227,6 +269,47 @@ std::vector<NamedStringArray::Entry> NamedStringArray::listEntries(const std::st
   return rowsOf(container, shape).list(prefix);
 }
 
+std::size_t NamedStringArray::eraseIf(const std::function<bool(const Entry&)>& doomed) {
+  SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
+  if (!base.isAttached()) return 0;
+  NamedStringArrayBase& header = headerOf(base);
+  if (!isInitialized(header)) return 0;
+  PThreadRobustLockGuard guard(&header.mutex);
+  const ContainerShape shape = shapeOf(header, activeSlotOf(header));
+  if (shape.rowCount == 0 || !shape.size) return 0;
+  SharedMemory container =
+      SharedMemory::find(makeContainerName(shape.number), *shape.size, trustee, implementationSpecifications);
+  if (!covers(container, shape)) return 0;
+  ContainerRows rows = rowsOf(container, shape);
+  std::size_t erased = 0;
+  for (unsigned long row = 0; row < rows.rowCount(); ++row) {
+    if (rows.elementCount(row) == 0 || !doomed(rows.entryAt(row))) continue;
+    rows.setCount(row, 0);
+    ++erased;
+  }
+  if (erased != 0) reorganize(base, container, 0);
+  return erased;
+}
+
+std::size_t NamedStringArray::removeLeftoverContainers() {
+  SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
+  if (!base.isAttached()) return 0;
+  NamedStringArrayBase& header = headerOf(base);
+  if (!isInitialized(header)) return 0;
+  PThreadRobustLockGuard guard(&header.mutex);
+  // Writers make containers only under this lock: every other one is unused.
+  const std::string active = makeContainerName(header.containerNumber[activeSlotOf(header)]);
+  std::size_t removed = 0;
+  for (const std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, baseName)) {
+    const std::string number = name.substr(baseName.size());
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos || name == active) continue;
+    if (removeSegment(name, trustee, implementationSpecifications)) ++removed;
+  }
+  const unsigned inactive = activeSlotOf(header) ^ 1u;
+  header.rowCount[inactive] = header.containerNumber[inactive] = header.rowWidth[inactive] = 0;
+  return removed;
+}
+
 void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, unsigned long requiredWidth) {
   deleteInactiveContainer(base, container);
   NamedStringArrayBase& header = headerOf(base);
@@ -246,7 +329,10 @@ void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, u
   if (!newCount || !newWidth) failToGrow();
   if (usable && *newCount == old.rowCount && *newWidth == old.rowWidth) return;
   const std::optional<std::size_t> newSize = checkedContainerSize(*newWidth, *newCount);
-  if (!newSize) failToGrow();
+  // A directory larger than this library grows one is kept as it is read;
+  // only growing past the limit is refused.
+  const std::size_t oldSize = usable ? *old.size : 0;
+  if (!newSize || (*newSize > maxGrownContainerBytes && *newSize > oldSize)) failToGrow();
 
   const unsigned long newNumber = old.number + 1 == 0 ? 1 : old.number + 1;
   header.rowCount[inactive] = *newCount;

@@ -26,20 +26,29 @@
 // base's mutex. Readers never trust the bytes: whatever a dead or buggy
 // writer left, they stay inside the mapped segments.
 //
-// Damaged directories. A descriptor is absurd when its size overflows, its
-// container would exceed 32 MiB or 2^20 rows, or it has rows of width 0. A
-// directory whose active descriptor is absurd, or whose container is shorter
-// than described, reads as empty (erase logs its container as not found),
-// and the next insert rebuilds it empty under the next number, removing the
-// old segment. An activeSlot other than 0 or 1 reads as its low bit; only
-// initialized == 1 counts as initialised. A string runs to its zero byte or
-// to the end of its row, whichever comes first. An initialisation claim by a
-// process that still exists is withdrawn after 3 seconds (a reused pid).
+// Damaged directories. A descriptor is absurd when its size overflows or it
+// has rows of width 0. A directory whose active descriptor is absurd, or
+// whose container is shorter than described, reads as empty (erase logs its
+// container as not found), and the next insert rebuilds it empty under the
+// next number, removing the old segment. Size alone is no damage: a
+// directory of any size is read and kept; only an insert that would grow it
+// beyond 32 MiB fails. An activeSlot other than 0 or 1 reads as its low bit;
+// only initialized == 1 counts as initialised. A string runs to its zero
+// byte or to the end of its row, whichever comes first.
+//
+// Initialisation is claimed through initializerPid. A claim by a process
+// that is gone is cleared; one held for 3 seconds by a process that still
+// exists (a reused pid, a stopped claimer) is withdrawn. Every step of the
+// initialisation is an atomic write that only turns zero bytes into their
+// initial values, and `initialized` is set only together with a claim that
+// still stands, so a claimer that goes on after its claim was withdrawn
+// changes nothing.
 #pragma once
 
 #include <pthread.h>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -90,6 +99,16 @@ class NamedStringArray {
   void erase(const std::string& element);
   // The entries whose first string begins with `prefix`, in row order.
   std::vector<Entry> listEntries(const std::string& prefix);
+
+  // Maintenance, each under the directory's lock. Frees every row whose
+  // entry `doomed` picks (asked under the lock, so that no writer changes
+  // the rows meanwhile) and compacts once; returns how many were freed.
+  std::size_t eraseIf(const std::function<bool(const Entry&)>& doomed);
+  // Removes the directory's container segments that it does not use (any
+  // "<base><digits>" segment but the active container): left by writers
+  // that died, or by damage. Returns how many were removed. Nothing is
+  // removed while the base is missing or not initialised.
+  std::size_t removeLeftoverContainers();
 
   // Makes the base ready; true once it is initialised (by anyone).
   bool initializeBase(SharedMemory& base);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -31,16 +32,18 @@ ContainerRows viewOf(Bytes& bytes, std::size_t width) {
   return ContainerRows(bytes.data(), bytes.size() / width, width);
 }
 
-TEST(ContainerRowsTest, ContainerSizeOfSaneAndAbsurdDescriptors) {
+TEST(ContainerRowsTest, ContainerSizeOfPossibleAndAbsurdDescriptors) {
   EXPECT_EQ(checkedContainerSize(4, 10), std::optional<std::size_t>(49));
   EXPECT_EQ(checkedContainerSize(0, 0), std::optional<std::size_t>(9));
   EXPECT_EQ(checkedContainerSize(ULONG_MAX, 0), std::optional<std::size_t>(9));
   EXPECT_EQ(checkedContainerSize(0, 1), std::nullopt);
-  EXPECT_EQ(checkedContainerSize(1, (1ul << 20) + 1), std::nullopt);
-  EXPECT_EQ(checkedContainerSize(32, 1ul << 20), std::nullopt);  // 9 bytes beyond 32 MiB
-  EXPECT_EQ(checkedContainerSize(32, (1ul << 20) - 1), std::optional<std::size_t>((32ul << 20) - 32 + 9));
-  EXPECT_EQ(checkedContainerSize((32ul << 20) - 9, 1), std::optional<std::size_t>(32ul << 20));
-  EXPECT_EQ(checkedContainerSize((32ul << 20) - 8, 1), std::nullopt);
+  // Size alone is no damage: beyond the 32 MiB that a directory is grown to
+  // and beyond 2^20 rows are sizes like any other.
+  EXPECT_EQ(checkedContainerSize(1, (1ul << 20) + 1), std::optional<std::size_t>((1ul << 20) + 10));
+  EXPECT_EQ(checkedContainerSize(32, 1ul << 20), std::optional<std::size_t>((32ul << 20) + 9));
+  const std::size_t largest = static_cast<std::size_t>(PTRDIFF_MAX);
+  EXPECT_EQ(checkedContainerSize(largest - 9, 1), std::optional<std::size_t>(largest));
+  EXPECT_EQ(checkedContainerSize(largest - 8, 1), std::nullopt);        // beyond a file offset
   EXPECT_EQ(checkedContainerSize(1ul << 31, 1ul << 33), std::nullopt);  // the product wraps
 }
 

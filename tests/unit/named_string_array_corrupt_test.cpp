@@ -30,10 +30,13 @@ BaseFields activeSlotZero(std::uint64_t width, std::uint64_t count, std::uint64_
   return fields;
 }
 
-// Plants a directory whose active descriptor is absurd, next to a container
-// file holding the entry "a" under the number it names, and checks that
-// readers see nothing and the next writer starts afresh.
-void expectAbsurdDescriptorReadsAsEmpty(std::uint64_t width, std::uint64_t count, unsigned char containerTrailer = 0) {
+// Plants a directory whose active descriptor is absurd (or describes far more
+// than its container holds), next to a container file holding the entry "a"
+// under the number it names, and checks that readers see nothing and the
+// next writer starts afresh. `dimensions` is what getDimensions reports: the
+// described ones unless the descriptor is absurd.
+void expectAbsurdDescriptorReadsAsEmpty(std::uint64_t width, std::uint64_t count, unsigned char containerTrailer = 0,
+                                        std::pair<unsigned long, unsigned long> dimensions = {0, 0}) {
   TestDirectory dir;
   plantBase(dir.segment(""), activeSlotZero(width, count, 4));
   plantSegment(dir.segment("4"), containerBytes(4,
@@ -42,7 +45,7 @@ void expectAbsurdDescriptorReadsAsEmpty(std::uint64_t width, std::uint64_t count
                                                 containerTrailer));
   NamedStringArray array(dir.name, 0, "");
   EXPECT_TRUE(array.listEntries("").empty());
-  EXPECT_EQ(NamedStringArray::getDimensions(dir.name, 0, ""), std::make_pair(0ul, 0ul));
+  EXPECT_EQ(NamedStringArray::getDimensions(dir.name, 0, ""), dimensions);
   {
     LogCapture log(mainChannel + "=all");
     array.erase("a");
@@ -59,7 +62,10 @@ void expectAbsurdDescriptorReadsAsEmpty(std::uint64_t width, std::uint64_t count
   EXPECT_EQ(dir.files(), (std::set<std::string>{dir.name + "v0", dir.name + "v05"}));
 }
 
-TEST(NamedStringArrayCorruptTest, HugeRowCountReadsAsEmpty) { expectAbsurdDescriptorReadsAsEmpty(4, 1ull << 40); }
+// Four tebibytes described, 13 bytes there.
+TEST(NamedStringArrayCorruptTest, HugeRowCountReadsAsEmpty) {
+  expectAbsurdDescriptorReadsAsEmpty(4, 1ull << 40, 0, {1ul << 40, 4ul});
+}
 
 TEST(NamedStringArrayCorruptTest, HugeRowWidthReadsAsEmpty) { expectAbsurdDescriptorReadsAsEmpty(1ull << 62, 10); }
 
