@@ -1,58 +1,53 @@
-// endpointregistry gc [--all-trustees]
+// endpointregistry gc [--trustee T]... [--all-trustees] [--json]
 //
-// One listing pass over the user's own directory (with --all-trustees, also
-// over the directories of every group of the user): the listing clears away
-// the records of publishers that died. Prints how many stale records were
-// cleared: those that were stale before the pass and whose names are gone
-// from their directory after it.
+// Explicit maintenance of the user's own directory (with --trustee, of the
+// named ones; with --all-trustees, also of every group of the user): clears
+// away the records of dead publishers, record segments that no directory
+// names, names whose segment is gone and unused directory containers, and
+// prints how many of each it cleared.
 #include <iostream>
 #include <memory>
-#include <set>
-#include <string>
-#include <utility>
 
-#include <endpointregistry/endpoint.hpp>
+#include <endpointregistry/garbage_collection.hpp>
 
 #include "command.hpp"
-#include "raw_directory.hpp"
-#include "record_view.hpp"
+#include "json_text.hpp"
 #include "trustee_selection.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
 
-using TrusteeAndName = std::pair<std::string, std::string>;
+struct GcOptions {
+  TrusteeSelection selection;
+  bool json = false;
+};
 
-std::set<TrusteeAndName> recordNames(const std::set<std::string>& trustees, bool staleOnly) {
-  std::set<TrusteeAndName> names;
-  for (const std::string& trustee : trustees) {
-    for (const RawRow& row : readRawDirectory(trustee).rows) {
-      if (row.strings.size() != 1) continue;
-      if (staleOnly && viewRecord(row, trustee).state != "Stale") continue;
-      names.emplace(trustee, row.strings.front());
-    }
+int runGc(const GcOptions& options) {
+  const GarbageReport report = collectGarbage(options.selection.resolve());
+  if (options.json) {
+    Json object = Json::object();
+    object["staleRecords"] = report.staleRecords;
+    object["unnamedSegments"] = report.unnamedSegments;
+    object["danglingNames"] = report.danglingNames;
+    object["leftoverContainers"] = report.leftoverContainers;
+    std::cout << dumpJson(object, 2) << std::endl;
+  } else {
+    std::cout << "cleared " << report.staleRecords << " stale record(s), " << report.unnamedSegments
+              << " unnamed segment(s), " << report.danglingNames << " dangling name(s), " << report.leftoverContainers
+              << " leftover container(s)" << std::endl;
   }
-  return names;
-}
-
-int runGc(const TrusteeSelection& selection) {
-  const std::set<std::string> trustees = selection.resolve();
-  const std::set<TrusteeAndName> staleBefore = recordNames(trustees, true);
-  (void)Endpoint::filter("", trustees);
-  const std::set<TrusteeAndName> namesAfter = recordNames(trustees, false);
-  std::size_t cleared = 0;
-  for (const TrusteeAndName& name : staleBefore) cleared += namesAfter.count(name) == 0 ? 1 : 0;
-  std::cout << "cleared " << cleared << " stale record(s)" << std::endl;
   return Success;
 }
 
 }  // namespace
 
 void addGcCommand(CLI::App& app, CommandRun& run) {
-  auto selection = std::make_shared<TrusteeSelection>();
-  CLI::App* command = app.add_subcommand("gc", "Clear away the records of dead publishers; print how many");
-  selection->addAllTrusteesOption(*command);
-  command->callback([selection, &run] { run = [selection] { return runGc(*selection); }; });
+  auto options = std::make_shared<GcOptions>();
+  CLI::App* command = app.add_subcommand(
+      "gc", "Clear away what dead publishers and interrupted operations left; print how much of each kind");
+  options->selection.addOptions(*command);
+  command->add_flag("--json", options->json, "Write the counts as one JSON object");
+  command->callback([options, &run] { run = [options] { return runGc(*options); }; });
 }
 
 }  // namespace agent::spf::endpointregistry::tool

@@ -33,11 +33,7 @@
 #include <utility>
 #include <vector>
 
-#if defined(ENDPOINTREGISTRY_BUILDING)
-#define ENDPOINTREGISTRY_EXPORT __attribute__((visibility("default")))
-#else
-#define ENDPOINTREGISTRY_EXPORT
-#endif
+#include <endpointregistry/export.hpp>
 
 namespace agent::spf::endpointregistry {
 

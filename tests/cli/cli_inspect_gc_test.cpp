@@ -117,10 +117,10 @@ TEST_F(CliInspectGcTest, InspectShowsStaleRecordsWithoutClearingThem) {
 
   const ToolRun gc = tool({"gc"});
   EXPECT_EQ(gc.exitCode, 0);
-  EXPECT_EQ(gc.out, "cleared 1 stale record(s)\n");
+  EXPECT_EQ(gc.out, gcLine(1));
   EXPECT_EQ(inspect()["rows"], json::array());
   EXPECT_TRUE(filesIn(user->scope(), prefix).empty());
-  EXPECT_EQ(tool({"gc"}).out, "cleared 0 stale record(s)\n");
+  EXPECT_EQ(tool({"gc"}).out, gcLine(0));
 }
 
 TEST_F(CliInspectGcTest, GcLeavesLiveRecordsAndCountsOnlyStaleOnes) {
@@ -132,7 +132,7 @@ TEST_F(CliInspectGcTest, GcLeavesLiveRecordsAndCountsOnlyStaleOnes) {
   ASSERT_EQ(dead->wait(), 128 + SIGKILL);
   ASSERT_EQ(alsoDead->wait(), 128 + SIGKILL);
 
-  EXPECT_EQ(tool({"gc", "--all-trustees"}).out, "cleared 2 stale record(s)\n");
+  EXPECT_EQ(tool({"gc", "--all-trustees"}).out, gcLine(2));
   const json rows = inspect()["rows"];
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0]["state"], "Live");
