@@ -102,6 +102,22 @@ void ChildProcess::kill(int signal) {
   if (pid_ > 0 && !reaped_) ::kill(pid_, signal);
 }
 
+bool ChildProcess::waitUntilStopped(std::chrono::milliseconds timeout) {
+  if (reaped_) return false;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    const pid_t r = waitpid(pid_, &status, WNOHANG | WUNTRACED);
+    if (r == pid_) {
+      if (WIFSTOPPED(status)) return true;
+      reaped_ = true;  // it ended
+      return false;
+    }
+    if ((r < 0 && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   if (reaped_) return std::nullopt;
   auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -34,6 +34,9 @@ class ChildProcess {
   std::optional<std::string> readFromChild(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
   void kill(int signal = 9);
+  // Waits until the child is stopped (SIGSTOP); false on time-out or when
+  // it ended instead.
+  bool waitUntilStopped(std::chrono::milliseconds timeout = std::chrono::seconds(30));
   // Waits for the child to end: its exit code, 128 + signal when killed, or
   // nullopt on time-out (the child is then killed and reaped).
   std::optional<int> wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));

@@ -13,19 +13,26 @@ namespace {
 std::mutex hookMutex;
 std::map<std::string, unsigned> counts;
 std::string target;
-long remaining = -1;  // reaches of `target` left before the kill; -1: none
+long remaining = -1;  // reaches of `target` left before the signal; -1: none
+int signalToRaise = SIGKILL;
 
 [[maybe_unused]] void onPoint(const char* point) {
-  std::lock_guard<std::mutex> lock(hookMutex);
-  ++counts[point];
-  if (remaining >= 0 && target == point && remaining-- == 0) std::raise(SIGKILL);
+  int raising = 0;
+  {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    ++counts[point];
+    if (remaining >= 0 && target == point && remaining-- == 0) raising = signalToRaise;
+  }
+  // Raised outside the lock, so that a stopped process holds none.
+  if (raising != 0) std::raise(raising);
 }
 
-void reset(const std::string& point, long skip) {
+void reset(const std::string& point, long skip, int signal = SIGKILL) {
   std::lock_guard<std::mutex> lock(hookMutex);
   counts.clear();
   target = point;
   remaining = skip;
+  signalToRaise = signal;
 }
 
 }  // namespace
@@ -51,6 +58,13 @@ const std::vector<std::string>& libraryTestPoints() {
 
 void killAtPoint(const std::string& point, unsigned skip) {
   reset(point, static_cast<long>(skip));
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+  agent::spf::endpointregistry::testhooks::install(&onPoint);
+#endif
+}
+
+void stopAtPoint(const std::string& point) {
+  reset(point, 0, SIGSTOP);
 #if defined(ENDPOINTREGISTRY_TEST_HOOKS)
   agent::spf::endpointregistry::testhooks::install(&onPoint);
 #endif

@@ -20,6 +20,10 @@ const std::vector<std::string>& libraryTestPoints();
 // the (skip + 1)-th time. Reaches of all points are counted as well.
 void killAtPoint(const std::string& point, unsigned skip);
 
+// From now on the process stops itself (SIGSTOP) when it first reaches
+// `point`; it goes on where it stopped once it is sent SIGCONT.
+void stopAtPoint(const std::string& point);
+
 // From now on reaches of all points are counted, and nothing is killed.
 void countPoints();
 

@@ -3,7 +3,10 @@
 
 #include <unistd.h>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <stdexcept>
 
 #include "diagnostics/diagnostics.hpp"
 #include "directory/directory_entry.hpp"
@@ -189,6 +192,44 @@ TEST_F(EndpointRecordTest, LiveSegmentOfTheSameNameMakesCreationFail) {
   EXPECT_EQ(capture.messages(),
             std::vector<std::string>{"Endpoint::createSharedMemory Failed to create the shared memory"});
   EXPECT_EQ(first.getDataPair(), data);
+}
+
+// Another process holds a live record under exactly the name that this
+// process gives its record (as a process of another pid namespace with the
+// same pid would): creating the record fails with both texts, and the other
+// record is left as it was, still locked.
+TEST_F(EndpointRecordTest, LiveSegmentOfAnotherProcessUnderThisProcessesNameMakesCreationFail) {
+  const DataPair data{"taken", "name"};
+  const std::string name = recordName(data, tag, 0, "");  // this process's pid
+  ChildProcess holder([&](ChildProcess& self) {
+    SharedMemory segment = plantRecord(name, data, 0);
+    auto* header = static_cast<RecordHeader*>(segment.getPointer());
+    PThreadRobustLockGuard lock(&header->livenessMutex, LockTerm::Lasting);
+    std::atomic_ref<std::uint8_t>(header->livenessFlag).store(1);
+    segment.endCreation();
+    self.tellParent("held");
+    if (self.readFromParent(std::chrono::seconds(60)) != "check") return 2;
+    if (header->livenessFlag != 1) return 3;
+    if (PThreadRobustLockGuard::getMutexState(&header->livenessMutex) != EBUSY) return 4;
+    segment.markForDeletion();
+    return 0;
+  });
+  ASSERT_EQ(holder.readFromChild(), "held");
+  const std::string path = userScope() + "/" + name;
+  const std::vector<unsigned char> before = readBytes(path);
+  LogCapture capture("agent::spf::endpointregistry=512");
+  try {
+    Endpoint endpoint(data, tag);
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "System error: Endpoint::createSharedMemory: Failed to create shared memory");
+  }
+  EXPECT_EQ(capture.messages(),
+            std::vector<std::string>{"Endpoint::createSharedMemory Failed to create the shared memory"});
+  EXPECT_EQ(readBytes(path), before);
+  holder.tellChild("check");
+  EXPECT_EQ(holder.wait(), 0);
+  EXPECT_TRUE(listDirectoryNames(groupPrefix(tag), "").empty());
 }
 
 TEST_F(EndpointRecordTest, KilledPublishersRecordIsReclaimedByTheNextRead) {

@@ -14,6 +14,7 @@
 
 #include "directory_test_support.hpp"
 #include "support/child_process.hpp"
+#include "support/kill_points.hpp"
 
 namespace er::test {
 namespace {
@@ -239,6 +240,44 @@ TEST(NamedStringArrayProcessTest, ConcurrentFirstInsertsInitialiseOnce) {
   EXPECT_EQ(entries, (std::vector<Entry>{{"first0"}, {"first1"}, {"first2"}, {"first3"}}));
   EXPECT_EQ(readBase(dir.baseFile()).initialized, 1u);
   EXPECT_EQ(dir.files().size(), 2u);
+}
+
+// A claimer stopped right after its claim for longer than the 3-second
+// bound: the others withdraw its claim, initialise the base and insert. When
+// it goes on, it must change nothing they did, throw nothing and insert its
+// own entry beside theirs.
+TEST(NamedStringArrayProcessTest, ClaimerStoppedPastTheBoundChangesNothingWhenItGoesOn) {
+  if (!testPointsCompiledIn()) GTEST_SKIP() << "test points are compiled out";
+  TestDirectory dir;
+  ChildProcess claimer([&dir](ChildProcess&) {
+    stopAtPoint("directory.initialize.claimed");
+    NamedStringArray(dir.name, 0, "").insert("claimer");
+    return 0;
+  });
+  ASSERT_TRUE(claimer.waitUntilStopped());
+  EXPECT_EQ(readBase(dir.baseFile()).initializerPid, static_cast<std::uint32_t>(claimer.pid()));
+
+  NamedStringArray array(dir.name, 0, "");
+  array.insert("first");  // waits out the bound, then takes over
+  ChildProcess other([&dir](ChildProcess&) {
+    NamedStringArray(dir.name, 0, "").insert("second");
+    return 0;
+  });
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(readBase(dir.baseFile()).initializerPid, static_cast<std::uint32_t>(getpid()));
+
+  claimer.kill(SIGCONT);
+  EXPECT_EQ(claimer.wait(), 0);  // no exception
+  auto entries = array.listEntries("");
+  std::sort(entries.begin(), entries.end());
+  EXPECT_EQ(entries, (std::vector<Entry>{{"claimer"}, {"first"}, {"second"}}));
+  const BaseFields after = readBase(dir.baseFile());
+  EXPECT_EQ(after.initialized, 1u);
+  EXPECT_EQ(after.initializerPid, static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(dir.files(), (std::set<std::string>{dir.name + "v0",
+                                                dir.segment(std::to_string(after.containerNumber[after.activeSlot]))}));
+  array.erase("claimer");
+  EXPECT_EQ(array.listEntries("claimer"), std::vector<Entry>{});
 }
 
 }  // namespace
