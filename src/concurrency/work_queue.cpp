@@ -16,17 +16,27 @@ namespace agent::spf::endpointregistry {
 
 namespace {
 
-// Guards the process's weak references to its lanes and the creation of a
-// queue. Never held while pushing or waiting for a job. Constant-initialised
-// and trivially destructible, so it is usable at any time, and may be
-// re-constructed in place in a forked child (see forgetQueuesInForkedChild).
+// Guards the process's lanes and the creation of a queue. Never held while
+// pushing or waiting for a job. Constant-initialised and trivially
+// destructible, so it is usable at any time, and may be re-constructed in
+// place in a forked child (see forgetQueuesInForkedChild).
 std::mutex queueMutex;
 
-// The process's lanes, by number; slot 0 is the primary queue. An expired
-// slot is taken again by the next queue made for it. The weak references
-// never keep a queue alive; the guards do. Read and written under queueMutex.
-std::vector<std::weak_ptr<WorkQueue>>& processLanes() {
-  static std::vector<std::weak_ptr<WorkQueue>> lanes;
+// The process's lanes. Read and written under queueMutex.
+struct Lanes {
+  // By number; slot 0 is the primary queue. An expired slot is taken again
+  // by the next queue made for it. These references never keep a queue
+  // alive; the guards do.
+  std::vector<std::weak_ptr<WorkQueue>> byNumber;
+  // The further lanes (1 and up), kept while the process holds any lasting
+  // lock, so that a process that holds just a lane's worth of records does
+  // not start and stop a thread with each publication and withdrawal.
+  std::vector<std::shared_ptr<WorkQueue>> further;
+  std::size_t lastingLocks = 0;
+};
+
+Lanes& processLanes() {
+  static Lanes lanes;
   return lanes;
 }
 
@@ -39,24 +49,19 @@ std::atomic<unsigned> totalCapacity{robustListLimit};
 // not push to the parent's queues: it forgets them, and its first request
 // starts a work thread of its own.
 //
-// When no thread of the parent held queueMutex at the fork, the lanes are
-// whole and are simply emptied. Otherwise the thread that held it does not
-// exist in the child and may have been half-way through changing them, so
-// neither object can be trusted or unlocked: both are re-constructed in
-// place over their old bytes, without running their destructors. The mutex
-// has no state beyond its bytes; the old lanes are parked, never used, so
-// that their storage stays reachable.
+// The thread that held queueMutex at the fork, if any, does not exist in the
+// child and may have been half-way through changing the lanes, so neither
+// object can be trusted or unlocked: both are re-constructed in place over
+// their old bytes, without running their destructors. The mutex has no state
+// beyond its bytes; the old lanes are parked, never used nor destroyed (the
+// parent's queues must not be stopped here), so that their storage stays
+// reachable.
 void forgetQueuesInForkedChild() noexcept {
-  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
-  if (queueMutex.try_lock()) {
-    lanes.clear();
-    queueMutex.unlock();
-    return;
-  }
-  alignas(std::vector<std::weak_ptr<WorkQueue>>) static unsigned char parked[sizeof lanes];
+  Lanes& lanes = processLanes();
+  alignas(Lanes) static unsigned char parked[sizeof(Lanes)];
   std::memcpy(parked, static_cast<void*>(&lanes), sizeof parked);
   ::new (static_cast<void*>(&queueMutex)) std::mutex;
-  ::new (static_cast<void*>(&lanes)) std::vector<std::weak_ptr<WorkQueue>>;
+  ::new (static_cast<void*>(&lanes)) Lanes;
 }
 
 // Runs in the parent just before fork(). A caller has the outcome of its job
@@ -68,7 +73,7 @@ void dropJobsBeforeFork() noexcept {
   std::vector<std::shared_ptr<WorkQueue>> queues;
   try {
     std::lock_guard<std::mutex> lock(queueMutex);
-    for (const auto& lane : processLanes()) {
+    for (const auto& lane : processLanes().byNumber) {
       if (auto queue = lane.lock()) queues.push_back(std::move(queue));
     }
   } catch (...) {
@@ -249,7 +254,7 @@ bool WorkQueue::awaitNoJobInHand(std::chrono::microseconds limit) const noexcept
 std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
   registerForkHandler();
   std::lock_guard<std::mutex> lock(queueMutex);
-  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
+  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes().byNumber;
   if (lanes.empty()) lanes.emplace_back();
   std::shared_ptr<WorkQueue> queue = lanes.front().lock();
   if (!queue) {
@@ -264,20 +269,22 @@ WorkThreadGuard WorkThreadGuard::forLock(LockTerm term) {
   const unsigned capacity = (term == LockTerm::Lasting ? lastingCapacity : totalCapacity).load();
   WorkThreadGuard guard;
   std::lock_guard<std::mutex> lock(queueMutex);
-  std::vector<std::weak_ptr<WorkQueue>>& lanes = processLanes();
+  Lanes& lanes = processLanes();
   for (std::size_t lane = 0;; ++lane) {
-    if (lane == lanes.size()) lanes.emplace_back();
-    std::shared_ptr<WorkQueue> queue = lanes[lane].lock();
+    if (lane == lanes.byNumber.size()) lanes.byNumber.emplace_back();
+    std::shared_ptr<WorkQueue> queue = lanes.byNumber[lane].lock();
     if (!queue) {
       queue = std::make_shared<WorkQueue>();
-      lanes[lane] = queue;
+      lanes.byNumber[lane] = queue;
+      if (lane != 0) lanes.further.push_back(queue);
     }
     // Taken under queueMutex, so that two callers never both take a lane's
     // last room; given back without it.
     if (queue->locks.load(std::memory_order_acquire) < capacity) {
       queue->locks.fetch_add(1, std::memory_order_acq_rel);
+      if (term == LockTerm::Lasting) ++lanes.lastingLocks;
       guard.workQueue = std::move(queue);
-      guard.holdsLockRoom = true;
+      guard.lockRoom = term;
       return guard;
     }
   }
@@ -290,21 +297,31 @@ WorkThreadGuard::WorkThreadGuard(std::function<void()>&& job) {
 }
 
 WorkThreadGuard::WorkThreadGuard(WorkThreadGuard&& other) noexcept
-    : workQueue(std::move(other.workQueue)), holdsLockRoom(std::exchange(other.holdsLockRoom, false)) {}
+    : workQueue(std::move(other.workQueue)), lockRoom(std::exchange(other.lockRoom, std::nullopt)) {}
 
 WorkThreadGuard& WorkThreadGuard::operator=(WorkThreadGuard&& other) noexcept {
   if (this == &other) return *this;
   releaseLockRoom();
   workQueue = std::move(other.workQueue);
-  holdsLockRoom = std::exchange(other.holdsLockRoom, false);
+  lockRoom = std::exchange(other.lockRoom, std::nullopt);
   return *this;
 }
 
 WorkThreadGuard::~WorkThreadGuard() { releaseLockRoom(); }
 
 void WorkThreadGuard::releaseLockRoom() noexcept {
-  if (holdsLockRoom && workQueue) workQueue->locks.fetch_sub(1, std::memory_order_acq_rel);
-  holdsLockRoom = false;
+  const std::optional<LockTerm> term = std::exchange(lockRoom, std::nullopt);
+  if (!term || !workQueue) return;
+  workQueue->locks.fetch_sub(1, std::memory_order_acq_rel);
+  if (*term != LockTerm::Lasting) return;
+  // The further lanes go once the process holds no lasting lock: stopped
+  // here, after queueMutex is released (each joins its thread).
+  std::vector<std::shared_ptr<WorkQueue>> stopping;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    Lanes& lanes = processLanes();
+    if (lanes.lastingLocks > 0 && --lanes.lastingLocks == 0) stopping.swap(lanes.further);
+  }
 }
 
 WorkThreadGuard WorkThreadGuard::holdThread() {

@@ -17,8 +17,11 @@
 // not a lock, and further lanes that are started only when the lanes before
 // them are full of lasting locks (a record's liveness lock, held for the
 // record's life). Brief locks (a directory's, held for one operation) go to
-// the first lane with room, almost always lane 0. A lane whose last guard
-// goes is stopped and joined like any queue.
+// the first lane with room, almost always lane 0. Lane 0 is stopped and
+// joined when its last guard goes, like any queue; the further lanes are
+// kept, asleep, until the process holds no lasting lock at all, so that a
+// process holding just a lane's worth of records does not start and stop a
+// thread with each publication.
 //
 // Rules: a job must never call executeAndSet() (it would wait for a job
 // queued behind itself), and the last guard of a queue must not be dropped
@@ -183,7 +186,7 @@ class WorkThreadGuard {
   void releaseLockRoom() noexcept;
 
   std::shared_ptr<WorkQueue> workQueue;
-  bool holdsLockRoom = false;
+  std::optional<LockTerm> lockRoom;  // the room this guard holds on its lane
 };
 
 #if defined(ENDPOINTREGISTRY_TEST_HOOKS)

@@ -427,19 +427,21 @@ struct LaneCapacity {
 
 // No work thread holds more locks than its lane has room for: further
 // lasting locks go to further lanes, each a thread of its own, started when
-// needed and joined when their last lock goes.
+// needed. The first lane is joined when its last lock goes; the further ones
+// stay, asleep, until the process holds no lasting lock at all.
 TEST(RobustLockGuardTest, LastingLocksBeyondALanesRoomGoToFurtherThreads) {
   const LaneCapacity capacity(2, 3);
   std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
   const std::size_t threadsBefore = threadCount();
   std::vector<std::unique_ptr<SharedMutex>> mutexes;
-  std::vector<PThreadRobustLockGuard> guards;
-  for (int i = 0; i < 5; ++i) {
+  std::vector<std::unique_ptr<PThreadRobustLockGuard>> guards;
+  const auto lockLasting = [&] {
     mutexes.push_back(std::make_unique<SharedMutex>());
-    guards.emplace_back(mutexes.back()->get(), registry::LockTerm::Lasting);
-  }
+    guards.push_back(std::make_unique<PThreadRobustLockGuard>(mutexes.back()->get(), registry::LockTerm::Lasting));
+    return holderOf(mutexes.back()->get());
+  };
   std::vector<pid_t> holders;
-  for (const auto& mutex : mutexes) holders.push_back(holderOf(mutex->get()));
+  for (int i = 0; i < 5; ++i) holders.push_back(lockLasting());
   EXPECT_EQ(holders[0], holders[1]);
   EXPECT_EQ(holders[2], holders[3]);
   EXPECT_NE(holders[0], holders[2]);
@@ -454,10 +456,12 @@ TEST(RobustLockGuardTest, LastingLocksBeyondALanesRoomGoToFurtherThreads) {
     EXPECT_EQ(holderOf(directory.get()), holders[0]);
   }
   // Room given back is taken again before any new lane is started.
-  guards.erase(guards.begin() + 1);
-  SharedMutex again;
-  guards.emplace_back(again.get(), registry::LockTerm::Lasting);
-  EXPECT_EQ(holderOf(again.get()), holders[0]);
+  guards[1].reset();
+  EXPECT_EQ(lockLasting(), holders[0]);
+  // The third lane, emptied, stays and is used again.
+  guards[4].reset();
+  EXPECT_EQ(threadCount(), threadsBefore + 3);
+  EXPECT_EQ(lockLasting(), holders[4]);
   EXPECT_EQ(threadCount(), threadsBefore + 3);
 
   guards.clear();
