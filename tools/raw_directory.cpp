@@ -3,6 +3,7 @@
 #include <cstring>
 #include <optional>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
 #include "diagnostics/diagnostics.hpp"
@@ -71,6 +72,8 @@ void parseRows(const std::vector<unsigned char>& bytes, const RawSlot& slot, Raw
 }  // namespace
 
 RawDirectory readRawDirectory(const std::string& trustee) {
+  // Another process may truncate what is mapped here at any moment.
+  const agent::spf::sharedmemory::MappedAccess mapped;
   RawDirectory directory;
   directory.trustee = trustee;
   directory.baseName = NamedStringArray::makeBaseName(registryDirectoryName, 0, trustee);

@@ -1,5 +1,7 @@
 #include "record_view.hpp"
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
+
 #include <cstring>
 #include <exception>
 
@@ -37,6 +39,7 @@ std::optional<std::pair<std::string, std::string>> storedData(const SharedMemory
 }  // namespace
 
 RecordView viewRecord(const RawRow& row, const std::string& trustee) {
+  const agent::spf::sharedmemory::MappedAccess mapped;
   RecordView view;
   // A row the library would read as one string is a name to it, whatever its count byte says.
   if (row.strings.size() != 1 || row.strings.front().rfind(recordPrefix, 0) != 0) {

@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
+
 #include "diagnostics/diagnostics.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -122,11 +124,19 @@ void PThreadRobustLockGuard::initializeMutex(pthread_mutex_t* mutex) {
 }
 
 bool PThreadRobustLockGuard::initializeZeroedMutex(pthread_mutex_t* mutex) noexcept {
+  const agent::spf::sharedmemory::MappedAccess mapped;
   int kind = 0;
   return std::atomic_ref<int>(mutex->__data.__kind).compare_exchange_strong(kind, freshKind()) || kind == freshKind();
 }
 
+bool PThreadRobustLockGuard::hasUnsetOrOwnKind(const pthread_mutex_t* mutex) noexcept {
+  const agent::spf::sharedmemory::MappedAccess mapped;
+  const int kind = std::atomic_ref<int>(const_cast<int&>(mutex->__data.__kind)).load(std::memory_order_relaxed);
+  return kind == 0 || kind == freshKind();
+}
+
 int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
+  const agent::spf::sharedmemory::MappedAccess mapped;
   // Not a mutex this library could have made: refused as glibc refuses a
   // kind it does not know.
   if (!hasPlainKind(mutex)) return EINVAL;
@@ -241,6 +251,7 @@ PThreadRobustLockGuard::Impl::~Impl() {
     logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to unlock the mutex. (Error ", result, ")");
   }
   // Destroyed on the caller's thread, after the work thread let go of it.
+  const agent::spf::sharedmemory::MappedAccess mapped;
   if (destroyOnRelease && pthread_mutex_destroy(mutexPtr) != 0) {
     logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to destroy the mutex . (Error ", errno, ")");
   }

@@ -33,6 +33,11 @@ class PThreadRobustLockGuard {
   // another kind (left untouched too). Never throws.
   static bool initializeZeroedMutex(pthread_mutex_t* mutex) noexcept;
 
+  // True when the mutex is all zero in its kind word (not set up yet) or of
+  // the kind initializeMutex() makes; false for any other kind, such as
+  // garbage or a destroyed mutex.
+  static bool hasUnsetOrOwnKind(const pthread_mutex_t* mutex) noexcept;
+
   // Probes a mutex on the calling thread without keeping it: 0 (free),
   // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of
   // pthread_mutex_trylock (EBUSY: held by another thread; EDEADLK: held by the

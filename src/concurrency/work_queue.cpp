@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
+
 #include "concurrency/hand_off.hpp"
 #include "diagnostics/diagnostics.hpp"
 
@@ -225,6 +227,8 @@ void WorkQueue::run() {
       ownCpus.reset();
     }
     try {
+      // Jobs lock and unlock mutexes in segments that others may truncate.
+      const agent::spf::sharedmemory::MappedAccess mapped;
       job();
     } catch (...) {
       // The thread survives a failing job. A failure to log is dropped too,

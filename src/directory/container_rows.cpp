@@ -78,6 +78,11 @@ ContainerRows::Entry ContainerRows::entryAt(unsigned long index) const {
   return readStrings(current, rowWidth_, countOf(current));
 }
 
+bool ContainerRows::firstStringIsWhole(unsigned long index, const std::string& prefix) const noexcept {
+  const unsigned char* current = row(index);
+  return firstStringStartsWith(current, rowWidth_, prefix) && stringEnd(current, rowWidth_, 1) < rowWidth_;
+}
+
 std::optional<unsigned long> ContainerRows::find(const Entry& entry) const {
   for (unsigned long i = 0; i < rowCount_; ++i) {
     const unsigned char* current = row(i);

@@ -74,6 +74,10 @@ class ContainerRows {
   // free row).
   Entry entryAt(unsigned long index) const;
 
+  // True when the first string of row `index` begins with `prefix` and ends
+  // with its zero byte inside the row. Allocates nothing.
+  bool firstStringIsWhole(unsigned long index, const std::string& prefix) const noexcept;
+
   // The first row that holds exactly the strings of `entry` (a free row
   // matches the empty entry).
   std::optional<unsigned long> find(const Entry& entry) const;

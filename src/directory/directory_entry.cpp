@@ -12,16 +12,26 @@
 namespace agent::spf::endpointregistry {
 namespace {
 
+// A used row of a registry directory holds one record name.
+bool wellFormedRecordRow(const ContainerRows& rows, unsigned long row) {
+  static const std::string prefix = recordPrefix;
+  return rows.elementCount(row) == 1 && rows.firstStringIsWhole(row, prefix);
+}
+
 NamedStringArray registryDirectory(const std::string& trustee) {
-  return NamedStringArray(registryDirectoryName, 0, trustee);
+  NamedStringArray directory(registryDirectoryName, 0, trustee);
+  directory.setRecovery({&liveRecordNames, &wellFormedRecordRow});
+  return directory;
 }
 
 }  // namespace
 
 DirectoryEntry::DirectoryEntry(const std::string& name, const std::string& trustee)
     : name(name), trustee(trustee), ownerPid(getpid()) {
-  registryDirectory(this->trustee).insert(this->name);
+  (void)registryDirectory(this->trustee).insertUnlessPresent({this->name});
 }
+
+bool DirectoryEntry::restore() const { return registryDirectory(trustee).insertUnlessPresent({name}); }
 
 DirectoryEntry::~DirectoryEntry() {
   if (getpid() != ownerPid) return;

@@ -11,13 +11,24 @@
 namespace agent::spf::endpointregistry {
 
 // The presence of one name in one trustee's directory: inserted on
-// construction, erased on destruction (a failure there ends the process).
-// A copy inherited by a forked child erases nothing: the name is the parent's.
+// construction (unless the directory names it already, as a directory
+// rebuilt from the records meanwhile may), erased on destruction (a failure
+// there ends the process). A copy inherited by a forked child erases
+// nothing: the name is the parent's.
+//
+// The registry's directories heal (named_string_array.hpp): one found
+// damaged or lost by an insert is rebuilt from the names it still holds and
+// from liveRecordNames(); a used row that is not one string beginning with
+// "qzER" counts as damage.
 class DirectoryEntry {
  public:
   DirectoryEntry(const std::string& name, const std::string& trustee);
   ~DirectoryEntry();
   DirectoryEntry(const DirectoryEntry&) = delete;
+
+  // Inserts the name again unless the directory holds it (a directory that
+  // lost it, or was lost): true when it was missing.
+  bool restore() const;
   DirectoryEntry& operator=(const DirectoryEntry&) = delete;
 
  private:
@@ -25,6 +36,12 @@ class DirectoryEntry {
   std::string trustee;
   pid_t ownerPid;
 };
+
+// The names of the live records in the trustee's scope folder, each as a
+// one-string entry: what a lost or damaged directory is rebuilt from. Reads
+// the records without locking or clearing anything (it runs under the
+// directory's lock). Provided by the record code.
+std::vector<std::vector<std::string>> liveRecordNames(const std::string& trustee);
 
 // Erases the one-string entry `name` from the trustee's directory.
 void eraseDirectoryName(const std::string& name, const std::string& trustee);

@@ -1,12 +1,13 @@
 #include "directory/named_string_array.hpp"
 
 #include <unistd.h>
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+
+#include <agent/spf/sharedmemory/mapped_access.hpp>
 
 #include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
@@ -15,62 +16,13 @@
 namespace agent::spf::endpointregistry {
 namespace {
 
+using agent::spf::sharedmemory::MappedAccess;
 using SharedMemory = NamedStringArray::SharedMemory;
 
 // An initialisation claim held this long by a process that still exists is
-// taken to be stale (a reused pid, or garbage in the base).
+// taken to be stale (a reused pid, a stopped claimer, or garbage in the
+// base).
 constexpr auto staleClaimTimeout = std::chrono::seconds(3);
-
-NamedStringArrayBase& headerOf(SharedMemory& base) { return *static_cast<NamedStringArrayBase*>(base.getPointer()); }
-
-// activeSlot is meant to be 0 or 1; any other value is read as its low bit.
-unsigned activeSlotOf(const NamedStringArrayBase& header) { return header.activeSlot & 1u; }
-
-bool isInitialized(NamedStringArrayBase& header) {
-  return std::atomic_ref<std::uint8_t>(header.initialized).load() == 1;
-}
-
-// The container one descriptor slot describes. The bytes of the base are
-// written by other processes and are not trusted: a descriptor that cannot
-// describe a container (checkedContainerSize) makes readers treat the
-// directory as empty and writers rebuild it as empty.
-struct ContainerShape {
-  unsigned long number = 0;
-  unsigned long rowCount = 0;
-  unsigned long rowWidth = 0;
-  std::optional<std::size_t> size;  // empty when the descriptor is absurd
-};
-
-ContainerShape shapeOf(const NamedStringArrayBase& header, unsigned slot) {
-  ContainerShape shape{header.containerNumber[slot], header.rowCount[slot], header.rowWidth[slot], std::nullopt};
-  shape.size = checkedContainerSize(shape.rowWidth, shape.rowCount);
-  return shape;
-}
-
-// True when `container` maps every byte `shape` describes.
-bool covers(const SharedMemory& container, const ContainerShape& shape) {
-  return shape.size && container.isAttached() && container.getSize() >= *shape.size;
-}
-
-// The rows of a container that covers() its shape.
-ContainerRows rowsOf(SharedMemory& container, const ContainerShape& shape) {
-  return ContainerRows(static_cast<unsigned char*>(container.getPointer()) + NamedStringArray::containerHeaderSize,
-                       shape.rowCount, shape.rowWidth);
-}
-
-std::string containerName(const std::string& baseName, unsigned long number) {
-  return baseName + std::to_string(number);
-}
-
-// Removes the name of a segment whatever its size; only its name is needed,
-// so it is opened with the smallest size. False when it could not be found.
-bool removeSegment(const std::string& name, const std::string& trustee,
-                   SharedMemory::ImplementationSpecifications implementation) {
-  SharedMemory segment = SharedMemory::find(name, 1, trustee, implementation);
-  if (!segment.isAttached()) return false;
-  segment.markForDeletion();
-  return true;
-}
 
 // The first eight bytes of the base, as one word: initializerPid,
 // initialized, activeSlot and padding.
@@ -107,12 +59,18 @@ bool markInitializedWhileClaimed(NamedStringArrayBase& header, std::uint32_t sel
   }
 }
 
-[[noreturn]] void failToGrow() {
-  logMessage(mainLogger(), Error, "NamedStringArray::reorganize: ", "The directory would exceed its size limit.");
-  throw std::runtime_error("System error: Endpoint::NamedStringArray::reorganize: Directory size limit exceeded");
+[[noreturn]] void failToOpenBase() {
+  logMessage(mainLogger(), Error, "NamedStringArray::insert(): ", "Base shared memory could not be opened.");
+  throw std::runtime_error("System error: Endpoint::NamedStringArray::insert: Base shared memory could not be opened");
 }
 
 }  // namespace
+
+bool looksDamaged(const NamedStringArrayBase& header) {
+  const auto initialized = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.initialized)).load();
+  const auto activeSlot = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.activeSlot)).load();
+  return initialized > 1 || activeSlot > 1 || !PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
+}
 
 NamedStringArray::NamedStringArray(const std::string& name, unsigned long, const std::string& trustee)
     : baseName(makeBaseName(name, 0, trustee)), trustee(trustee) {}
@@ -132,6 +90,7 @@ void NamedStringArray::insert(const std::string& element) { insert(Entry{element
 void NamedStringArray::erase(const std::string& element) { erase(Entry{element}); }
 
 bool NamedStringArray::initializeBase(SharedMemory& base) {
+  const MappedAccess mapped;
   if (!base.isAttached()) return false;
   if (base.isCreator()) base.makePersistent();
   NamedStringArrayBase& header = headerOf(base);
@@ -156,7 +115,12 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
   return isInitialized(header);
 }
 
-void NamedStringArray::insert(const Entry& entry) {
+void NamedStringArray::insert(const Entry& entry) { (void)insertEntry(entry, false); }
+
+bool NamedStringArray::insertUnlessPresent(const Entry& entry) { return insertEntry(entry, true); }
+
+bool NamedStringArray::insertEntry(const Entry& entry, bool unlessPresent) {
+  const MappedAccess mapped;
   if (entry.size() > maxElements) {
     logMessage(mainLogger(), Error,
                "NamedStringArray::insert(): ", "The new entry cannot have more than 127 elements.");
@@ -170,18 +134,59 @@ void NamedStringArray::insert(const Entry& entry) {
   }
   const unsigned long requiredWidth = totalLength + entry.size() + 1;
 
-  SharedMemory base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
-  if (!base.isAttached()) {
-    logMessage(mainLogger(), Error, "NamedStringArray::insert(): ", "Base shared memory could not be opened.");
-    throw std::runtime_error(
-        "System error: Endpoint::NamedStringArray::insert: Base shared memory could not be opened");
-  }
+  SharedMemory base = openBaseForWriting();
+  awaitInitialized(base);
   NamedStringArrayBase& header = headerOf(base);
+  PThreadRobustLockGuard guard(&header.mutex);
+  bool lost = false;
+  SharedMemory container = openActiveContainer(base, lost);
+  if (needsRebuild(base, container, lost)) {
+    rebuild(base, container, requiredWidth, &entry, recovery.entries(trustee));
+  }
+  if (unlessPresent) {
+    const ContainerShape shape = shapeOf(header, activeSlotOf(header));
+    if (covers(container, shape) && rowsOf(container, shape).find(entry)) return false;
+  }
+  // An absurd active descriptor leaves `container` unattached; reorganize()
+  // then rebuilds the directory as empty.
+  reorganize(base, container, requiredWidth);
 
+  const ContainerShape shape = shapeOf(header, activeSlotOf(header));
+  if (!covers(container, shape)) return false;
+  ContainerRows rows = rowsOf(container, shape);
+  const std::optional<unsigned long> freeRow = rows.firstFreeRow();
+  if (!freeRow || !rows.writeStrings(*freeRow, entry)) return false;
+  ER_TEST_HOOK("directory.row.written");
+  // The count byte goes last: a writer that dies before it leaves the row free.
+  rows.setCount(*freeRow, static_cast<unsigned char>(entry.size()));
+  return true;
+}
+
+SharedMemory NamedStringArray::openBaseForWriting() {
+  SharedMemory base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
+  if (recovery.entries != nullptr) {
+    // A base too short to be found, that nobody is still creating, or one
+    // holding what no writer writes, is replaced by a new one, which is then
+    // rebuilt as never used. A process that still has the old one mapped
+    // goes on with it until its next operation.
+    if (!base.isAttached() && agent::spf::sharedmemory::removeUnclaimedSegment(trustee, baseName, baseSize)) {
+      base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
+    }
+    if (base.isAttached() && looksDamaged(headerOf(base))) {
+      base.markForDeletion();
+      base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
+    }
+  }
+  if (!base.isAttached()) failToOpenBase();
+  return base;
+}
+
+void NamedStringArray::awaitInitialized(SharedMemory& base) {
   // Spin until this or another process has initialised the base. A claim by a
   // process that has gone is cleared by initializeBase(); one that outlives
-  // any real initialisation by far is withdrawn here, so that a reused pid or
-  // a garbage claim cannot hold inserters forever.
+  // any real initialisation by far is withdrawn here, so that a reused pid, a
+  // stopped claimer or a garbage claim cannot hold inserters forever.
+  NamedStringArrayBase& header = headerOf(base);
   std::uint32_t claimSeen = 0;
   auto claimSince = std::chrono::steady_clock::now();
   while (!initializeBase(base)) {
@@ -197,30 +202,28 @@ void NamedStringArray::insert(const Entry& entry) {
       claimSince = now;
     }
   }
+}
 
-  PThreadRobustLockGuard guard(&header.mutex);
-  const ContainerShape active = shapeOf(header, activeSlotOf(header));
-  // An absurd active descriptor leaves `container` unattached; reorganize()
-  // then rebuilds the directory as empty.
+SharedMemory NamedStringArray::openActiveContainer(SharedMemory& base, bool& lost) {
+  const ContainerShape active = shapeOf(headerOf(base), activeSlotOf(headerOf(base)));
+  lost = false;
   SharedMemory container;
-  if (active.size) {
-    container = SharedMemory::createOrFind(makeContainerName(active.number), *active.size, trustee,
-                                           implementationSpecifications);
-    if (container.isCreator()) container.makePersistent();
+  if (!active.size) return container;
+  const std::string name = makeContainerName(active.number);
+  container = SharedMemory::createOrFind(name, *active.size, trustee, implementationSpecifications);
+  if (!container.isAttached() && recovery.entries != nullptr &&
+      agent::spf::sharedmemory::removeUnclaimedSegment(trustee, name, *active.size)) {
+    container = SharedMemory::createOrFind(name, *active.size, trustee, implementationSpecifications);
   }
-  reorganize(base, container, requiredWidth);
-
-  const ContainerShape shape = shapeOf(header, activeSlotOf(header));
-  if (!covers(container, shape)) return;
-  ContainerRows rows = rowsOf(container, shape);
-  const std::optional<unsigned long> freeRow = rows.firstFreeRow();
-  if (!freeRow || !rows.writeStrings(*freeRow, entry)) return;
-  ER_TEST_HOOK("directory.row.written");
-  // The count byte goes last: a writer that dies before it leaves the row free.
-  rows.setCount(*freeRow, static_cast<unsigned char>(entry.size()));
+  if (container.isCreator()) {
+    container.makePersistent();
+    lost = active.rowCount > 0;
+  }
+  return container;
 }
 
 void NamedStringArray::erase(const Entry& entry) {
+  const MappedAccess mapped;
   SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
   if (!base.isAttached()) {
     logMessage(mainLogger(), RefusedRequest, "NamedStringArray::erase(): ", "Base shared memory could not be found.");
@@ -228,10 +231,12 @@ void NamedStringArray::erase(const Entry& entry) {
   }
   NamedStringArrayBase& header = headerOf(base);
   if (!isInitialized(header)) return;
-  PThreadRobustLockGuard guard(&header.mutex);
+  const bool damaged = recovery.entries != nullptr && looksDamaged(header);
+  std::optional<PThreadRobustLockGuard> guard;
+  if (!damaged) guard.emplace(&header.mutex);
   const ContainerShape shape = shapeOf(header, activeSlotOf(header));
   SharedMemory container;
-  if (shape.size) {
+  if (shape.size && !damaged) {
     container = SharedMemory::find(makeContainerName(shape.number), *shape.size, trustee, implementationSpecifications);
   }
   if (!covers(container, shape)) {
@@ -249,11 +254,14 @@ void NamedStringArray::erase(const Entry& entry) {
 }
 
 std::vector<NamedStringArray::Entry> NamedStringArray::listEntries(const std::string& prefix) {
+  const MappedAccess mapped;
   std::vector<Entry> entries;
   SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
   if (!base.isAttached()) return entries;
   NamedStringArrayBase& header = headerOf(base);
   if (!isInitialized(header)) return entries;
+  // A damaged base is not locked: its mutex may be of any kind.
+  if (recovery.entries != nullptr && looksDamaged(header)) return entries;
   PThreadRobustLockGuard guard(&header.mutex);
   // A writer that died inside a reorganisation left the container it was
   // building; it goes with this listing rather than with the next write.
@@ -269,132 +277,8 @@ std::vector<NamedStringArray::Entry> NamedStringArray::listEntries(const std::st
   return rowsOf(container, shape).list(prefix);
 }
 
-std::size_t NamedStringArray::eraseIf(const std::function<bool(const Entry&)>& doomed) {
-  SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
-  if (!base.isAttached()) return 0;
-  NamedStringArrayBase& header = headerOf(base);
-  if (!isInitialized(header)) return 0;
-  PThreadRobustLockGuard guard(&header.mutex);
-  const ContainerShape shape = shapeOf(header, activeSlotOf(header));
-  if (shape.rowCount == 0 || !shape.size) return 0;
-  SharedMemory container =
-      SharedMemory::find(makeContainerName(shape.number), *shape.size, trustee, implementationSpecifications);
-  if (!covers(container, shape)) return 0;
-  ContainerRows rows = rowsOf(container, shape);
-  std::size_t erased = 0;
-  for (unsigned long row = 0; row < rows.rowCount(); ++row) {
-    if (rows.elementCount(row) == 0 || !doomed(rows.entryAt(row))) continue;
-    rows.setCount(row, 0);
-    ++erased;
-  }
-  if (erased != 0) reorganize(base, container, 0);
-  return erased;
-}
-
-std::size_t NamedStringArray::removeLeftoverContainers() {
-  SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
-  if (!base.isAttached()) return 0;
-  NamedStringArrayBase& header = headerOf(base);
-  if (!isInitialized(header)) return 0;
-  PThreadRobustLockGuard guard(&header.mutex);
-  // Writers make containers only under this lock: every other one is unused.
-  const std::string active = makeContainerName(header.containerNumber[activeSlotOf(header)]);
-  std::size_t removed = 0;
-  for (const std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, baseName)) {
-    const std::string number = name.substr(baseName.size());
-    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos || name == active) continue;
-    if (removeSegment(name, trustee, implementationSpecifications)) ++removed;
-  }
-  const unsigned inactive = activeSlotOf(header) ^ 1u;
-  header.rowCount[inactive] = header.containerNumber[inactive] = header.rowWidth[inactive] = 0;
-  return removed;
-}
-
-void NamedStringArray::reorganize(SharedMemory& base, SharedMemory& container, unsigned long requiredWidth) {
-  deleteInactiveContainer(base, container);
-  NamedStringArrayBase& header = headerOf(base);
-  const unsigned active = activeSlotOf(header);
-  const unsigned inactive = active ^ 1u;
-  const ContainerShape old = shapeOf(header, active);
-  // A container that cannot be read at its described size (absurd
-  // descriptor, missing or short segment) is treated as empty and replaced.
-  const bool usable = covers(container, old);
-
-  const ContainerRows::Usage usage = usable ? rowsOf(container, old).usage() : ContainerRows::Usage{};
-  const unsigned long used = usage.usedRows;
-  const std::size_t maxLength = usage.maxLength;
-  const std::optional<unsigned long> newCount = roundUp(used + (requiredWidth != 0 ? 1 : 0), rowIncrement);
-  const std::optional<unsigned long> newWidth =
-      roundUp(std::max<unsigned long>(requiredWidth, maxLength), widthIncrement);
-  if (!newCount || !newWidth) failToGrow();
-  if (usable && *newCount == old.rowCount && *newWidth == old.rowWidth) return;
-  const std::optional<std::size_t> newSize = checkedContainerSize(*newWidth, *newCount);
-  // A directory larger than this library grows one is kept as it is read;
-  // only growing past the limit is refused.
-  const std::size_t oldSize = usable ? *old.size : 0;
-  if (!newSize || (*newSize > maxGrownContainerBytes && *newSize > oldSize)) failToGrow();
-
-  const unsigned long newNumber = old.number + 1 == 0 ? 1 : old.number + 1;
-  header.rowCount[inactive] = *newCount;
-  header.containerNumber[inactive] = newNumber;
-  header.rowWidth[inactive] = *newWidth;
-
-  const std::string freshName = makeContainerName(newNumber);
-  SharedMemory fresh = SharedMemory::createOrFind(freshName, *newSize, trustee, implementationSpecifications);
-  if (!fresh.isAttached()) {
-    // Only a damaged directory leaves a segment under the next number, and
-    // one too small to be found blocks the name: it goes, and one more try.
-    removeSegment(freshName, trustee, implementationSpecifications);
-    fresh = SharedMemory::createOrFind(freshName, *newSize, trustee, implementationSpecifications);
-  }
-  if (!fresh.isAttached()) {
-    header.rowCount[inactive] = header.containerNumber[inactive] = header.rowWidth[inactive] = 0;
-    logMessage(mainLogger(), Error, "NamedStringArray::reorganize: ", "Container shared memory could not be created.");
-    throw std::runtime_error(
-        "System error: Endpoint::NamedStringArray::reorganize: Container shared memory could not be created");
-  }
-  if (fresh.isCreator()) {
-    fresh.makePersistent();
-  } else {
-    // A segment found under the next number was left by a damaged directory;
-    // its old bytes must not show up as entries.
-    std::memset(fresh.getPointer(), 0, *newSize);
-  }
-
-  if (usable) {
-    ContainerRows freshRows = rowsOf(fresh, ContainerShape{newNumber, *newCount, *newWidth, newSize});
-    rowsOf(container, old).copyUsedRowsTo(freshRows, maxLength);
-  }
-
-  ER_TEST_HOOK("directory.reorganize.created");
-  // The flip: from here on readers see the new container.
-  std::atomic_ref<std::uint8_t>(header.activeSlot)
-      .store(static_cast<std::uint8_t>(inactive), std::memory_order_release);
-  if (container.isAttached()) {
-    container.markForDeletion();
-  } else {
-    removeSegment(makeContainerName(old.number), trustee, implementationSpecifications);
-  }
-  header.rowCount[active] = header.containerNumber[active] = header.rowWidth[active] = 0;
-  container = std::move(fresh);
-}
-
-void NamedStringArray::deleteInactiveContainer(SharedMemory& base, SharedMemory&) {
-  NamedStringArrayBase& header = headerOf(base);
-  const unsigned active = activeSlotOf(header);
-  const unsigned inactive = active ^ 1u;
-  const unsigned long number = header.containerNumber[inactive];
-  // Whatever its dimensions: the container of 0 rows that the erase of the
-  // last entry builds, and the previous container of a writer that died
-  // after the flip, are left behind as well. A damaged base may name the
-  // active container in both slots; that one stays.
-  if (number != 0 && number != header.containerNumber[active]) {
-    removeSegment(makeContainerName(number), trustee, implementationSpecifications);
-  }
-  header.rowCount[inactive] = header.containerNumber[inactive] = header.rowWidth[inactive] = 0;
-}
-
 void NamedStringArray::deleteNamedStringArray(const std::string& name, unsigned long version, const std::string&) {
+  const MappedAccess mapped;
   const std::string baseName = makeBaseName(name, version, "");
   const SharedMemory::ImplementationSpecifications implementation{};
   SharedMemory base = SharedMemory::find(baseName, baseSize, "", implementation);
@@ -419,6 +303,7 @@ void NamedStringArray::deleteNamedStringArray(const std::string& name, unsigned 
 
 std::pair<unsigned long, unsigned long> NamedStringArray::getDimensions(const std::string& name, unsigned long version,
                                                                         const std::string&) {
+  const MappedAccess mapped;
   SharedMemory base =
       SharedMemory::find(makeBaseName(name, version, ""), baseSize, "", SharedMemory::ImplementationSpecifications{});
   if (!base.isAttached()) return {0, 0};

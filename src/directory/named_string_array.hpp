@@ -7,20 +7,7 @@
 // compacted, and flips one byte of the base. Two descriptor slots let the
 // next writer clean up a switch that a crash interrupted.
 //
-// Base segment "<name>v<version>", 96 bytes, native (little-endian) order:
-//   0  u32        initializerPid   0, or the pid that claimed initialisation
-//   4  u8         initialized      1 once initialisation completed
-//   5  u8         activeSlot       0 or 1
-//   6  2 bytes    padding
-//   8  u64[2]     rowWidth         per slot
-//   24 u64[2]     rowCount         per slot
-//   40 u64[2]     containerNumber  per slot
-//   56 40 bytes   mutex            robust, process-shared, error-checking
-// Container segment "<name>v<version><number>", rowCount x rowWidth + 9 bytes:
-//   0  8 bytes    unused
-//   8 + i*rowWidth  row i: count byte n (0 = free, signed; negative reads as
-//                   1), then n strings, each followed by a zero byte
-//   end           1 unused byte
+// The byte layout of bases and containers is drawn in directory_layout.hpp.
 //
 // Every read and write of rows, descriptors and activeSlot happens under the
 // base's mutex. Readers never trust the bytes: whatever a dead or buggy
@@ -29,12 +16,21 @@
 // Damaged directories. A descriptor is absurd when its size overflows or it
 // has rows of width 0. A directory whose active descriptor is absurd, or
 // whose container is shorter than described, reads as empty (erase logs its
-// container as not found), and the next insert rebuilds it empty under the
-// next number, removing the old segment. Size alone is no damage: a
-// directory of any size is read and kept; only an insert that would grow it
-// beyond 32 MiB fails. An activeSlot other than 0 or 1 reads as its low bit;
-// only initialized == 1 counts as initialised. A string runs to its zero
-// byte or to the end of its row, whichever comes first.
+// container as not found). Size alone is no damage: a directory of any size
+// is read and kept; only an insert that would grow it beyond 32 MiB fails.
+// An activeSlot other than 0 or 1 reads as its low bit; only initialized ==
+// 1 counts as initialised. A string runs to its zero byte or to the end of
+// its row, whichever comes first.
+//
+// Without a Recovery, the next insert rebuilds a damaged directory as empty
+// under the next number, removing the old segment. With one (the registry's
+// directories), a directory is healed instead of emptied: its entries are
+// what can still be read from it plus what Recovery::entries yields, and an
+// insert (or repair()) rebuilds it that way when it finds it never used,
+// its base damaged or too short (replaced by a new one), its container
+// missing, too short or described absurdly, or a used row not well formed.
+// Operations that only read or erase never rebuild, and never fail for
+// damage: they read what can be read.
 //
 // Initialisation is claimed through initializerPid. A claim by a process
 // that is gone is cleared; one held for 3 seconds by a process that still
@@ -45,7 +41,6 @@
 // changes nothing.
 #pragma once
 
-#include <pthread.h>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -55,32 +50,23 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "directory/container_rows.hpp"
+#include "directory/directory_layout.hpp"
 
 namespace agent::spf::endpointregistry {
-
-struct NamedStringArrayBase {
-  std::uint32_t initializerPid;
-  std::uint8_t initialized;
-  std::uint8_t activeSlot;
-  std::uint8_t padding[2];
-  std::uint64_t rowWidth[2];
-  std::uint64_t rowCount[2];
-  std::uint64_t containerNumber[2];
-  pthread_mutex_t mutex;
-};
-static_assert(sizeof(NamedStringArrayBase) == 96);
-static_assert(offsetof(NamedStringArrayBase, initialized) == 4);
-static_assert(offsetof(NamedStringArrayBase, activeSlot) == 5);
-static_assert(offsetof(NamedStringArrayBase, rowWidth) == 8);
-static_assert(offsetof(NamedStringArrayBase, rowCount) == 24);
-static_assert(offsetof(NamedStringArrayBase, containerNumber) == 40);
-static_assert(offsetof(NamedStringArrayBase, mutex) == 56);
 
 class NamedStringArray {
  public:
   using SharedMemory = agent::spf::sharedmemory::SharedMemory;
   using Entry = std::vector<std::string>;
+
+  // How a directory heals (see Damaged directories): where the entries of a
+  // lost or damaged directory can be found again, for the trustee, and
+  // which used rows are well formed. Plain functions: a directory is made
+  // for every operation, and these cost no allocation.
+  struct Recovery {
+    std::vector<std::vector<std::string>> (*entries)(const std::string& trustee) = nullptr;
+    bool (*wellFormedRow)(const ContainerRows& rows, unsigned long row) = nullptr;  // for used rows
+  };
 
   static constexpr std::size_t baseSize = sizeof(NamedStringArrayBase);
   static constexpr std::size_t containerHeaderSize = ContainerRows::headerBytes;
@@ -89,10 +75,16 @@ class NamedStringArray {
   // `version` is not used: the base name always carries version 0.
   NamedStringArray(const std::string& name, unsigned long version, const std::string& trustee);
 
+  // Heals the directory with `recovery` from now on.
+  void setRecovery(const Recovery& recovery) noexcept { this->recovery = recovery; }
+
   // Adds an entry in the first free row, growing the directory as needed.
   // std::invalid_argument for more than 127 strings or no non-empty string.
   void insert(const Entry& entry);
   void insert(const std::string& element);
+  // insert(), unless a row holds the entry already (decided under the
+  // directory's lock); false then.
+  bool insertUnlessPresent(const Entry& entry);
   // Frees the first row equal to the entry and compacts; logs (256) when the
   // base, the container or the entry is not there.
   void erase(const Entry& entry);
@@ -104,6 +96,10 @@ class NamedStringArray {
   // entry `doomed` picks (asked under the lock, so that no writer changes
   // the rows meanwhile) and compacts once; returns how many were freed.
   std::size_t eraseIf(const std::function<bool(const Entry&)>& doomed);
+  // Rebuilds the directory if it is damaged (see Damaged directories), and
+  // makes it anew when it is missing while Recovery::entries yields
+  // entries; true when it rebuilt. Needs a Recovery; false without one.
+  bool repair();
   // Removes the directory's container segments that it does not use (any
   // "<base><digits>" segment but the active container): left by writers
   // that died, or by damage. Returns how many were removed. Nothing is
@@ -131,11 +127,37 @@ class NamedStringArray {
   void setWidthIncrement(unsigned long increment) { widthIncrement = increment; }
 
  private:
+  // The shared work of insert() and insertUnlessPresent().
+  bool insertEntry(const Entry& entry, bool unlessPresent);
+  // The base, opened to be written: created if missing; with a Recovery, a
+  // damaged or too short one is replaced. Throws when it cannot be had.
+  SharedMemory openBaseForWriting();
+  // Spins until the base is initialised (see initializeBase).
+  void awaitInitialized(SharedMemory& base);
+  // The active container, found or created, under the lock. `lost` tells
+  // that it had to be created although the descriptor describes rows.
+  SharedMemory openActiveContainer(SharedMemory& base, bool& lost);
+  // True when the directory must be rebuilt from what can be read and the
+  // Recovery (never without one).
+  bool needsRebuild(SharedMemory& base, SharedMemory& container, bool lost);
+  // Builds the next container from the readable well-formed rows and the
+  // recovered entries (without `excluded`), with room for one more entry of
+  // `requiredWidth` bytes (none when 0), and switches to it. Returns the
+  // number of entries it holds.
+  std::size_t rebuild(SharedMemory& base, SharedMemory& container, unsigned long requiredWidth, const Entry* excluded,
+                      const std::vector<Entry>& recovered);
+  // Makes the next container of `count` rows of `width` bytes, the inactive
+  // slot describing it. Throws when it cannot be made.
+  SharedMemory makeNextContainer(NamedStringArrayBase& header, unsigned long width, unsigned long count);
+  // Makes the inactive slot's container the active one and lets the old go.
+  void switchTo(SharedMemory& base, SharedMemory& container, SharedMemory& fresh);
+
   std::string baseName;
   std::string trustee;
   SharedMemory::ImplementationSpecifications implementationSpecifications{};
   unsigned long rowIncrement = 10;
   unsigned long widthIncrement = 4;
+  Recovery recovery;
 };
 
 }  // namespace agent::spf::endpointregistry

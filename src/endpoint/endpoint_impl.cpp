@@ -8,6 +8,8 @@
 #include <optional>
 #include <stdexcept>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
+
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
 #include "directory/segment_names.hpp"
@@ -15,6 +17,7 @@
 namespace agent::spf::endpointregistry {
 namespace {
 
+using agent::spf::sharedmemory::MappedAccess;
 using agent::spf::sharedmemory::SegmentReader;
 using agent::spf::sharedmemory::SharedMemory;
 
@@ -43,6 +46,7 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, 
 }
 
 Endpoint::Impl::~Impl() {
+  const MappedAccess mapped;
   // From here on readers classify the record by the publisher's existence
   // and no longer read its data; the members then go in reverse order: the
   // name leaves the directory, the mutex is unlocked and destroyed, the
@@ -61,6 +65,7 @@ std::string Endpoint::Impl::getTrustee() const { return trustee; }
 Endpoint::Impl::DataPair Endpoint::Impl::getDataPair() { return getDataPair(name, trustee); }
 
 SharedMemory Endpoint::Impl::createSharedMemory(const DataPair& data) {
+  const MappedAccess mapped;
   // Reclaims a stale segment of the same name, left by a crashed process
   // that had the same process id, so that the creation below can succeed.
   (void)getDataPair(name, trustee);
@@ -81,6 +86,7 @@ SharedMemory Endpoint::Impl::createSharedMemory(const DataPair& data) {
 }
 
 PThreadRobustLockGuard Endpoint::Impl::getLivenessLock() {
+  const MappedAccess mapped;
   if (!sharedMemory.isAttached()) {
     logMessage(mainLogger(), Error, "Endpoint::getLivenessLock Failed to get the liveness lock");
     throw std::runtime_error("System error: Endpoint::getLivenessLockFailed to get liveness lock");
@@ -107,18 +113,16 @@ namespace {
 
 // A record whose flag is clear: mid-publication or mid-teardown while its
 // publisher exists, stale once it is gone. A publisher in another pid
-// namespace is not seen by its pid; its record still counts as being
-// published while the segment's creation claim is held, from before the
-// segment had its name until the flag was set. (Reclaiming a record in
-// teardown does no harm: it is being withdrawn.)
+// namespace is not seen by its pid; its record still counts as live while
+// the publisher's claim on the segment is held (from before the segment had
+// its name until the publisher released it or died).
 //
-// Maintenance goes further: a record that is neither flagged nor claimed as
-// being created is either being withdrawn or left by a dead publisher, and
-// either way may go, whatever its pid names here (a reused pid would keep it
-// for ever otherwise).
+// Maintenance goes by the claim alone: an unflagged record that nobody
+// claims is left by a dead publisher, whatever process its pid names here
+// (a reused pid would keep it for ever otherwise).
 RecordState stateOfUnflagged(const SharedMemory& segment, unsigned long pid, RecordJudgement judgement) {
   if (judgement == RecordJudgement::Listing && getpgid(static_cast<pid_t>(pid)) != -1) return Transient;
-  return segment.isBeingCreated() ? Transient : Stale;
+  return segment.isClaimed() ? Transient : Stale;
 }
 
 }  // namespace
@@ -128,6 +132,7 @@ RecordState Endpoint::Impl::getState(SharedMemory& segment, unsigned long pid) {
 }
 
 RecordState Endpoint::Impl::classify(SharedMemory& segment, unsigned long pid, RecordJudgement judgement) {
+  const MappedAccess mapped;
   if (!segment.isAttached()) return Transient;
   if (livenessFlagOf(segment).load(std::memory_order_relaxed) == 0) return stateOfUnflagged(segment, pid, judgement);
   ER_TEST_HOOK("record.probing");
@@ -189,6 +194,7 @@ SegmentReader openRecordReader(const std::string& name, const std::string& trust
 // clears a stale one away.
 RecordRead readMappedRecord(SharedMemory& segment, const std::string& name, const std::string& trustee,
                             unsigned long pid, RecordJudgement judgement) {
+  const MappedAccess mapped;
   switch (Endpoint::Impl::classify(segment, pid, judgement)) {
     case Stale:
       // Only the reader whose exchange saw the flag set destroys the mutex.
@@ -212,6 +218,17 @@ RecordRead readMappedRecord(SharedMemory& segment, const std::string& name, cons
 }
 
 }  // namespace
+
+std::vector<std::vector<std::string>> liveRecordNames(const std::string& trustee) {
+  std::vector<std::vector<std::string>> names;
+  const RecordReadSession session(trustee);
+  for (std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, recordPrefix)) {
+    if (recordFormat(name) != 0) continue;
+    const SegmentReader reader = openRecordReader(name, trustee, session);
+    if (reader.isOpen() && readLiveHeader(reader)) names.push_back({std::move(name)});
+  }
+  return names;
+}
 
 RecordReadSession::RecordReadSession(const std::string& trustee)
     : folder(agent::spf::sharedmemory::ScopeFolder::open(trustee)) {}

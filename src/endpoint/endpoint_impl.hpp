@@ -64,10 +64,10 @@ struct RecordRead {
   std::pair<std::string, std::string> data;
 };
 
-// How a reader judges a record whose flag is clear and whose segment is not
-// claimed as being created. A listing follows the record's pid (stale only
+// How a reader judges a record whose flag is clear and whose segment its
+// publisher no longer claims. A listing follows the record's pid (stale only
 // once no process has it); maintenance takes it for stale whatever the pid
-// names (withdrawing or dead, either way on its way out).
+// names.
 enum class RecordJudgement { Listing, Maintenance };
 
 // What a listing opens once and uses for every record it reads in one

@@ -128,13 +128,19 @@ TEST_F(EndpointRecordTest, UnflaggedRecordIsTransientWhileItsProcessExists) {
   EXPECT_EQ(Endpoint::Impl::countSynonymEndpoints(data, tag), 1u);
   EXPECT_EQ(Endpoint::Impl::getDataPair(name, ""), DataPair{});
   EXPECT_TRUE(fileExists(userScope() + "/" + name));
-  // While its creator still claims it as being created, the record is not
-  // stale even when its pid names no process here (a publisher in another pid
-  // namespace); once the claim ends, the pid decides.
+  // While its creator still claims it, the record is not stale even when its
+  // pid names no process here (a publisher in another pid namespace), both
+  // while being created and after; once the creator has let go of it, the
+  // pid decides.
   EXPECT_EQ(Endpoint::Impl::getState(planted, static_cast<unsigned long>(deadPid())), Transient);
   planted.endCreation();
-  EXPECT_EQ(Endpoint::Impl::getState(planted, static_cast<unsigned long>(deadPid())), Stale);
-  planted.markForDeletion();
+  EXPECT_EQ(Endpoint::Impl::getState(planted, static_cast<unsigned long>(deadPid())), Transient);
+  planted = SharedMemory();
+  SharedMemory found = Endpoint::Impl::findSharedMemory(name, "");
+  ASSERT_TRUE(found.isAttached());
+  EXPECT_EQ(Endpoint::Impl::getState(found, static_cast<unsigned long>(getpid())), Transient);
+  EXPECT_EQ(Endpoint::Impl::getState(found, static_cast<unsigned long>(deadPid())), Stale);
+  found.markForDeletion();
 }
 
 TEST_F(EndpointRecordTest, FreeMutexWithFlagSetIsStaleAndReclaimed) {

@@ -108,11 +108,11 @@ TEST_F(GroupGarbageCollectionTest, ClearsEachKindOnceAndLeavesEverythingElse) {
   const auto live = publisher("live");
   auto dead = publisher("dead");
   const std::string liveName = nameFor(tag, "live1", static_cast<unsigned long>(live->pid()));
-  // Unnamed, unflagged and no longer being created, with a pid that exists
+  // Unnamed, unflagged and let go of by its creator, with a pid that exists
   // (this very process): listings keep it, as its pid says, collection not.
   const std::string unnamed = nameFor(tag, "unnamed", static_cast<unsigned long>(getpid()));
-  plant(unnamed, recordSegmentSize(7)).endCreation();
-  // Being created: kept by both.
+  (void)plant(unnamed, recordSegmentSize(7));
+  // Its creator's: kept by both.
   const std::string creating = nameFor(tag, "creating", static_cast<unsigned long>(getpid()));
   SharedMemory underWay = plant(creating, recordSegmentSize(8));
   // A name whose segment does not exist, and one whose segment exists but
@@ -146,7 +146,9 @@ TEST_F(GroupGarbageCollectionTest, ClearsEachKindOnceAndLeavesEverythingElse) {
   EXPECT_EQ(Endpoint::filter(tag, {group->name()}), (Pairs{{"live", "1"}}));
 
   EXPECT_EQ(collectGarbage({group->name()}), (GarbageReport{}));
-  underWay.endCreation();
+  underWay.endCreation();  // created: still its creator's
+  EXPECT_EQ(collectGarbage({group->name()}), (GarbageReport{}));
+  underWay = SharedMemory();  // let go of: nobody's
   EXPECT_EQ(collectGarbage({group->name()}), (GarbageReport{0, 1, 0, 0}));
   EXPECT_EQ(files(groupPrefix(tag)), (std::set<std::string>{liveName, refused}));
 }

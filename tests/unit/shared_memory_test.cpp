@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -149,9 +150,10 @@ TEST_F(SharedMemoryTest, CreateOrFindGivesUpOnASegmentThatStaysTooSmall) {
 TEST_F(SharedMemoryTest, CreateOrFindWaitsForACreatorThatIsStillSizing) {
   SharedMemory::create(uniqueName("shmtScope"), 1, "", posix);
   const std::string path = pathOf(name);
+  // A creator claims the file as being created until it is done.
   const int fd = open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
   ASSERT_GE(fd, 0);
-  close(fd);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
   // The child sizes the file as soon as the parent first opens it.
   er::test::ChildProcess sizer([&](er::test::ChildProcess& self) {
     const int watch = inotify_init1(IN_CLOEXEC);
@@ -163,10 +165,26 @@ TEST_F(SharedMemoryTest, CreateOrFindWaitsForACreatorThatIsStillSizing) {
   });
   ASSERT_EQ(sizer.readFromChild(), "watching");
   SharedMemory segment = SharedMemory::createOrFind(name, 64, "", posix);
+  close(fd);
   EXPECT_EQ(sizer.wait(), 0);
   ASSERT_TRUE(segment.isAttached());
   EXPECT_FALSE(segment.isCreator());
   EXPECT_EQ(segment.getSize(), 64u);
+}
+
+// A file too short that nobody claims as being created (one truncated after
+// its creator let go of it) will not grow: it is not waited for.
+TEST_F(SharedMemoryTest, CreateOrFindDoesNotWaitForAShortSegmentThatNobodyCreates) {
+  SharedMemory::create(uniqueName("shmtScope"), 1, "", posix);
+  const int fd = open(pathOf(name).c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  er::test::LogCapture capture(channel + "=all");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(SharedMemory::createOrFind(name, 64, "", posix).isAttached());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));  // not the 500 ms patience
+  EXPECT_EQ(capture.messages(),
+            std::vector<std::string>{"createOrFind: " + userScope() + "/" + name + ": size 0 is smaller than 64"});
 }
 
 TEST_F(SharedMemoryTest, BadNamesAndSizesAreRefused) {

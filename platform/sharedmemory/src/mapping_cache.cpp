@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/spf/sharedmemory/mapped_access.hpp"
 #include "process_state.hpp"
 
 namespace agent::spf::sharedmemory::detail {
@@ -38,6 +39,7 @@ struct Cache {
   std::unordered_multimap<std::string, void*> byPath;  // reusable entries
   std::list<void*> idle;                               // oldest first
   std::size_t idleBytes = 0;
+  std::uint64_t repairsSeen = 0;  // repairedFaults() when the entries were last trusted
 };
 
 // The child's copy of the cache describes the child's copies of the
@@ -67,6 +69,17 @@ void dropIdle(Cache& c, void* address, std::vector<std::pair<void*, std::size_t>
   c.entries.erase(found);
 }
 
+// After a fault on a truncated segment was repaired, some mapping of this
+// process holds a page of private zeros where the segment's bytes were: no
+// mapping kept so far is handed out again.
+void distrustAfterRepairs(Cache& c, std::vector<std::pair<void*, std::size_t>>& unmap) {
+  const std::uint64_t repairs = repairedFaults();
+  if (repairs == c.repairsSeen) return;
+  c.repairsSeen = repairs;
+  while (!c.idle.empty()) dropIdle(c, c.idle.front(), unmap);
+  for (auto& [address, entry] : c.entries) stopReuse(c, address, entry);
+}
+
 // Unmaps idle entries beyond the bounds, oldest first.
 void trim(Cache& c, Clock::time_point now, std::vector<std::pair<void*, std::size_t>>& unmap) {
   while (!c.idle.empty()) {
@@ -91,6 +104,7 @@ bool reuseMapping(const Scope& scope, const std::string& name, std::size_t size,
   std::vector<std::pair<void*, std::size_t>> unmap;
   {
     std::lock_guard lock(guarded.mutex);
+    distrustAfterRepairs(c, unmap);
     trim(c, Clock::now(), unmap);
     auto range = c.byPath.equal_range(path);
     for (auto it = range.first; it != range.second && found.address == nullptr; ++it) {

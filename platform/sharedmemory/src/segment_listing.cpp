@@ -1,11 +1,13 @@
-// Listing the segment names of one trustee's scope folder, and asking it
-// whether a name is there.
+// Looking at one trustee's scope folder by name: the segments it holds,
+// whether one is there, who claims it, and removing one that nobody claims.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 
 #include "agent/spf/sharedmemory/shared_memory.hpp"
 #include "diagnostic.hpp"
@@ -80,12 +82,32 @@ std::vector<std::string> listSegmentNames(const std::string& trustee, const std:
   return names;
 }
 
+namespace {
+
+bool validName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX &&
+         name.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
+// Opens the trustee's segment `name` for reading, whatever its size, if it
+// passes the scope's checks of kind, owner, group and mode.
+bool openForClaim(const std::string& trustee, const std::string& name, UniqueFd& folder, UniqueFd& segment,
+                  struct stat& st) {
+  if (!validName(name)) return false;
+  Scope scope;
+  if (!detail::resolveScope(trustee, scope).ok()) return false;
+  if (!detail::openScopeFolder(scope, false, folder).ok()) return false;
+  segment.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  return segment.valid() && fstat(segment.get(), &st) == 0 && scope.checkSegment(st).ok();
+}
+
+bool lockRefused(int fd, int operation) { return flock(fd, operation | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
+
+}  // namespace
+
 SegmentPresence segmentPresence(const std::string& trustee, const std::string& name) noexcept {
   try {
-    if (name.empty() || name == "." || name == ".." || name.size() > NAME_MAX ||
-        name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
-      return SegmentPresence::Unknown;
-    }
+    if (!validName(name)) return SegmentPresence::Unknown;
     Scope scope;
     if (!detail::resolveScope(trustee, scope).ok()) return SegmentPresence::Unknown;
     UniqueFd folder;
@@ -95,6 +117,39 @@ SegmentPresence segmentPresence(const std::string& trustee, const std::string& n
     return errno == ENOENT ? SegmentPresence::Absent : SegmentPresence::Unknown;
   } catch (...) {
     return SegmentPresence::Unknown;
+  }
+}
+
+SegmentClaim segmentClaim(const std::string& trustee, const std::string& name) noexcept {
+  try {
+    UniqueFd folder;
+    UniqueFd segment;
+    struct stat st {};
+    if (!openForClaim(trustee, name, folder, segment, st)) return SegmentClaim::Unknown;
+    if (lockRefused(segment.get(), LOCK_SH)) return SegmentClaim::Creating;
+    flock(segment.get(), LOCK_UN);
+    return lockRefused(segment.get(), LOCK_EX) ? SegmentClaim::Held : SegmentClaim::Unclaimed;
+  } catch (...) {
+    return SegmentClaim::Unknown;
+  }
+}
+
+bool removeUnclaimedSegment(const std::string& trustee, const std::string& name, std::size_t smallerThan) noexcept {
+  try {
+    UniqueFd folder;
+    UniqueFd segment;
+    struct stat st {};
+    if (!openForClaim(trustee, name, folder, segment, st)) return false;
+    if (static_cast<std::uintmax_t>(st.st_size) >= smallerThan) return false;
+    // Held while the name goes, so that no creator can claim the file in
+    // between (a creator claims before the name appears).
+    if (flock(segment.get(), LOCK_EX | LOCK_NB) != 0) return false;
+    struct stat named {};
+    if (fstatat(folder.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (named.st_dev != st.st_dev || named.st_ino != st.st_ino) return false;
+    return unlinkat(folder.get(), name.c_str(), 0) == 0;
+  } catch (...) {
+    return false;
   }
 }
 

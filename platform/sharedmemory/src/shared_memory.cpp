@@ -274,6 +274,15 @@ bool beingCreated(int folder, const std::string& name, std::size_t size) {
   return S_ISREG(st.st_mode) && static_cast<std::uintmax_t>(st.st_size) < size;
 }
 
+// True unless `name` is known not to be claimed as being created: a segment
+// too short for what is asked, and not being created, will not grow.
+bool mayStillGrow(int folder, const std::string& name) {
+  const UniqueFd fd(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  if (!fd.valid()) return true;
+  if (flock(fd.get(), LOCK_SH | LOCK_NB) == 0) return false;
+  return errno == EWOULDBLOCK;
+}
+
 Outcome createOrFindSegment(const Scope& scope, int folder, const std::string& name, std::size_t size, Opened& opened) {
   const auto deadline = std::chrono::steady_clock::now() + createOrFindPatience;
   for (int attempt = 1;; ++attempt) {
@@ -284,8 +293,9 @@ Outcome createOrFindSegment(const Scope& scope, int folder, const std::string& n
       // Exists: another process created it in between; find it next round.
       if (created.problem != Problem::Exists) return created;
       found = std::move(created);
-    } else if (found.problem != Problem::TooSmall &&
-               !(found.problem == Problem::AccessDenied && beingCreated(folder, name, size))) {
+    } else if (found.problem == Problem::TooSmall) {
+      if (!mayStillGrow(folder, name)) return found;
+    } else if (!(found.problem == Problem::AccessDenied && beingCreated(folder, name, size))) {
       return found;
     }
     if (attempt >= createOrFindAttempts || std::chrono::steady_clock::now() > deadline) return found;
@@ -423,16 +433,29 @@ void SharedMemory::markForDeletion() noexcept {
 
 void SharedMemory::endCreation() noexcept {
   if (creationClaim_ < 0) return;
-  // The mapping holds the locked file open as well, so closing would not
-  // drop the claim; it is dropped explicitly, and only by the creating
-  // process (a forked child's copy shares the parent's lock). A creator that
-  // dies drops it with its last reference to the file.
-  if (creatorPid_ == getpid()) flock(creationClaim_, LOCK_UN);
+  // The mapping holds the file open as well, so the claim outlives the
+  // descriptor: it is turned shared here (only by the creating process; a
+  // forked child's copy shares the parent's lock), and goes when the mapping
+  // is released or the creator dies.
+  if (creatorPid_ == getpid()) flock(creationClaim_, LOCK_SH);
   ::close(creationClaim_);
   creationClaim_ = -1;
 }
 
-bool SharedMemory::isBeingCreated() const noexcept {
+namespace {
+
+// Tries the lock `operation` (LOCK_SH or LOCK_EX, not blocking) on the file
+// that `fd` opened: true when it is refused, that is, when a conflicting
+// claim is held. One that is granted goes with the descriptor.
+bool lockRefused(int fd, int operation) noexcept { return flock(fd, operation | LOCK_NB) != 0 && errno == EWOULDBLOCK; }
+
+}  // namespace
+
+bool SharedMemory::isBeingCreated() const noexcept { return claimRefuses(LOCK_SH); }
+
+bool SharedMemory::isClaimed() const noexcept { return claimRefuses(LOCK_EX); }
+
+bool SharedMemory::claimRefuses(int operation) const noexcept {
   if (!isAttached()) return false;
   try {
     UniqueFd own;
@@ -448,9 +471,7 @@ bool SharedMemory::isBeingCreated() const noexcept {
     const UniqueFd fd(openat(folder, name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0 || st.st_dev != device_ || st.st_ino != inode_) return false;
-    // A shared lock is refused only while the creator's exclusive one is held;
-    // one that is granted goes with the descriptor.
-    return flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    return lockRefused(fd.get(), operation);
   } catch (...) {
     return false;
   }

@@ -21,16 +21,19 @@
 // the segment and, if this handle created it and neither makePersistent()
 // nor markForDeletion() was called, removes its name. A copy inherited by a
 // forked child never removes the name on release: the segment belongs to the
-// parent. A created segment is claimed as being created (a lock on its file,
-// held on one close-on-exec descriptor) from before its name appears until
-// endCreation() or the release of the creating handle; other processes ask
-// isBeingCreated(). No other file descriptor is kept open while a segment is
-// mapped; the scope folders in use are kept open (one close-on-exec
+// parent.
+//
+// Claims. A created segment is claimed by its creator: exclusively from
+// before its name appears until endCreation() ("being created"), then
+// shared for as long as the creating handle keeps it mapped. A claim is a
+// lock on the file that the mapping itself holds, so it costs no descriptor
+// after endCreation(), and the system drops it when the creator releases the
+// segment or dies: other processes ask isBeingCreated() and isClaimed(), or
+// segmentClaim() by name, and need no process id, which means nothing in
+// another pid namespace. (A forked child that keeps the creator's mapping
+// keeps the claim.) No other file descriptor is kept open while a segment
+// is mapped; the scope folders in use are kept open (one close-on-exec
 // descriptor each).
-// A released mapping of a found segment may be kept (at most 16 such, for at
-// most 2 s) and reused by a later find of the same segment, after one stat
-// shows that its name still names it; a segment this process removes is
-// never kept.
 //
 // Thread safety: distinct handles may be used from any threads; one handle
 // must not be used from two threads at once.
@@ -89,17 +92,18 @@ class SharedMemory {
   // makePersistent(); mappings stay valid until released.
   void markForDeletion() noexcept;
 
-  // Ends this creating handle's claim on the segment (see isBeingCreated);
-  // no effect on a handle that holds none.
+  // Ends the creation: this creating handle's exclusive claim becomes the
+  // shared one that lasts until the segment is released. No effect on a
+  // handle that holds no claim.
   void endCreation() noexcept;
-  // True while the process that created the segment still claims it as
-  // being created: between its create() and its endCreation() or release.
-  // The claim is a lock on the file, which the system drops when its holder
-  // dies (with its last mapping of the file: a forked child that keeps the
-  // creator's mapping keeps the claim), so the answer needs no process id
-  // and holds across pid namespaces. False for an unattached handle, for a segment whose name no
-  // longer names it, and when the answer cannot be had.
+  // True while the segment's creator still claims it as being created
+  // (between its create() and its endCreation()). False for an unattached
+  // handle, for a segment whose name no longer names it, and when the answer
+  // cannot be had.
   bool isBeingCreated() const noexcept;
+  // True while any claim on the segment is held: its creator has neither
+  // released it nor died. False as isBeingCreated() is.
+  bool isClaimed() const noexcept;
 
  private:
   enum class OpenMode : unsigned char;
@@ -109,6 +113,9 @@ class SharedMemory {
   // Removes the name if it still names this handle's segment; `operation`
   // heads any log line.
   void removeName(const char* operation) noexcept;
+  // True when a lock `operation` (LOCK_SH or LOCK_EX) on the segment is
+  // refused to a descriptor of its own.
+  bool claimRefuses(int operation) const noexcept;
 
   void* address_ = nullptr;
   std::size_t size_ = 0;
@@ -194,6 +201,24 @@ class SegmentReader {
 
 // The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
 std::string getCurrentUserName();
+
+// The claim on the trustee's segment `name`, looked at through a descriptor
+// of its own (see SharedMemory, Claims), whatever the segment's size.
+enum class SegmentClaim {
+  Unknown,    // the segment could not be opened, or is refused
+  Unclaimed,  // no claim: its creator released it or died
+  Held,       // its creator still holds it
+  Creating,   // its creator is still creating it
+};
+SegmentClaim segmentClaim(const std::string& trustee, const std::string& name) noexcept;
+
+// Removes the trustee's segment `name` if it is shorter than `smallerThan`
+// bytes and nobody claims it: a segment too damaged to be found, such as one
+// truncated after its creator let go of it. The name goes only if it still
+// names the file that was judged, and no creator can claim it meanwhile.
+// False when it was not removed (long enough, claimed, refused, gone, or a
+// call failed).
+bool removeUnclaimedSegment(const std::string& trustee, const std::string& name, std::size_t smallerThan) noexcept;
 
 // Whether the trustee's segment `name` exists, as its scope folder tells.
 enum class SegmentPresence {
