@@ -96,6 +96,8 @@ class PThreadRobustLockGuard::Impl {
   pthread_mutex_t* mutexPtr;
   // Written once by the owner before any other use of the guard.
   bool destroyOnRelease = false;
+  // Let go of without unlocking (see abandon()).
+  bool abandoned = false;
   // The lane whose thread holds the lock, with the room the lock takes there.
   WorkThreadGuard workThread;
   // The process whose work thread holds the lock; a forked child inherits
@@ -244,7 +246,7 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread(LockTerm term
 PThreadRobustLockGuard::Impl::~Impl() {
   // In a forked child the lock belongs to the parent's work thread: leave it
   // alone. Only the inherited reference to the parent's queue goes.
-  if (getpid() != ownerPid) return;
+  if (getpid() != ownerPid || abandoned) return;
   int result = 0;
   workThread.run([this] { return pthread_mutex_unlock(mutexPtr); }, result);
   if (result != 0) {
@@ -269,5 +271,15 @@ PThreadRobustLockGuard& PThreadRobustLockGuard::operator=(PThreadRobustLockGuard
 PThreadRobustLockGuard::~PThreadRobustLockGuard() = default;
 
 void PThreadRobustLockGuard::setDestroyOnRelease() { impl->destroyOnRelease = true; }
+
+void PThreadRobustLockGuard::abandon() noexcept {
+  if (!impl) return;
+  impl->abandoned = true;
+  impl.reset();
+}
+
+const WorkQueue* PThreadRobustLockGuard::lane() const noexcept {
+  return impl ? impl->workThread.queue().get() : nullptr;
+}
 
 }  // namespace agent::spf::endpointregistry

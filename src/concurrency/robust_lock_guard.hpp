@@ -75,6 +75,15 @@ class PThreadRobustLockGuard {
   // The mutex is destroyed after it is unlocked on release.
   void setDestroyOnRelease();
 
+  // Lets go of the guard without unlocking or destroying the mutex: its work
+  // thread keeps the lock until it ends. For a mutex whose bytes were cut or
+  // overwritten by another process, which must not be touched again. The
+  // guard becomes empty.
+  void abandon() noexcept;
+
+  // The work queue (lane) whose thread holds the lock; null for an empty guard.
+  const WorkQueue* lane() const noexcept;
+
   class Impl;
 
  private:

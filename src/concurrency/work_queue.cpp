@@ -1,11 +1,16 @@
 #include "concurrency/work_queue.hpp"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <functional>
 #include <new>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -42,6 +47,14 @@ Lanes& processLanes() {
   return lanes;
 }
 
+// The process's idle watch (see setIdleWatch).
+std::atomic<int> idleWatchFd{-1};
+std::atomic<void (*)()> idleWatchHandler{nullptr};
+
+IdleWatch currentIdleWatch() noexcept {
+  return IdleWatch{idleWatchFd.load(std::memory_order_acquire), idleWatchHandler.load(std::memory_order_acquire)};
+}
+
 // The room of one lane, for each term of lock (changed by tests only).
 std::atomic<unsigned> lastingCapacity{lastingLocksPerLane};
 std::atomic<unsigned> totalCapacity{robustListLimit};
@@ -59,6 +72,8 @@ std::atomic<unsigned> totalCapacity{robustListLimit};
 // parent's queues must not be stopped here), so that their storage stays
 // reachable.
 void forgetQueuesInForkedChild() noexcept {
+  idleWatchFd.store(-1, std::memory_order_relaxed);
+  idleWatchHandler.store(nullptr, std::memory_order_relaxed);
   Lanes& lanes = processLanes();
   alignas(Lanes) static unsigned char parked[sizeof(Lanes)];
   std::memcpy(parked, static_cast<void*>(&lanes), sizeof parked);
@@ -103,9 +118,16 @@ std::optional<cpu_set_t> cpusBesides(const cpu_set_t& cpus, int cpu) noexcept {
 
 }  // namespace
 
-WorkQueue::WorkQueue() : creatorPid(getpid()), creatorCpu(sched_getcpu()) {
+WorkQueue::WorkQueue(bool primaryLane) : primary(primaryLane), creatorPid(getpid()), creatorCpu(sched_getcpu()) {
+  wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wakeFd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
   (void)handoff::spinningHelps();  // decided here, before the thread's CPUs narrow
-  thread = std::thread(&WorkQueue::run, this);
+  try {
+    thread = std::thread(&WorkQueue::run, this);
+  } catch (...) {
+    close(wakeFd);
+    throw;
+  }
   startAwayFromCreator();
 }
 
@@ -143,22 +165,22 @@ WorkQueue::~WorkQueue() {
     stop = true;
     stopSeen.store(true, std::memory_order_release);
   }
-  condition.notify_all();
+  wake();
   if (thread.joinable()) {
     thread.join();
   } else {
     logMessage(mainLogger(), Error, "WorkThreadGuard: ", "Failed to join the work thread ");
   }
+  close(wakeFd);
 }
 
 // This queue was made by the parent of a forked child; its thread exists
 // only in the parent. Joining would fail, and a joinable std::thread would
-// end the process when destroyed; the condition variable may still count the
-// parent thread's wait, so destroying it could block for ever. So nothing is
-// stopped or joined: the thread handle is parked, never destroyed, in static
-// storage, and the mutex and condition variable are replaced by fresh ones
-// without destroying the old, so that the member destructors that run next
-// see clean objects. The job queue is emptied when the mutex shows nobody was
+// end the process when destroyed. So nothing is stopped or joined: the
+// thread handle is parked, never destroyed, in static storage, and the mutex
+// is replaced by a fresh one without destroying the old, so that the member
+// destructors that run next see clean objects. The child's copy of the
+// wake-up descriptor is closed (the parent's stays). The job queue is emptied when the mutex shows nobody was
 // changing it at the fork; otherwise it is replaced too and its old storage
 // is left behind.
 void WorkQueue::abandonInForkedChild() noexcept {
@@ -172,17 +194,42 @@ void WorkQueue::abandonInForkedChild() noexcept {
     ::new (static_cast<void*>(&jobs)) std::deque<std::function<void()>>;
   }
   ::new (static_cast<void*>(&mutex)) std::mutex;
-  ::new (static_cast<void*>(&condition)) std::condition_variable;
+  close(wakeFd);
 }
 
 void WorkQueue::push(std::function<void()> job) {
+  bool asleep = false;
   {
     std::lock_guard<std::mutex> lock(mutex);
     jobs.push_back(std::move(job));
     jobCount.store(jobs.size(), std::memory_order_release);
+    asleep = sleeping;
   }
   // Costs no system call while the work thread is awake (spinning).
-  condition.notify_one();
+  if (asleep) wake();
+}
+
+void WorkQueue::wake() noexcept {
+  const std::uint64_t one = 1;
+  (void)write(wakeFd, &one, sizeof one);
+}
+
+void WorkQueue::sleepUntilWoken() {
+  const IdleWatch watch = primary ? currentIdleWatch() : IdleWatch{};
+  pollfd waits[2] = {{wakeFd, POLLIN, 0}, {watch.fd, POLLIN, 0}};
+  if (poll(waits, watch.fd >= 0 ? 2 : 1, -1) <= 0) return;
+  if ((waits[0].revents & POLLIN) != 0) {
+    std::uint64_t count = 0;
+    (void)read(wakeFd, &count, sizeof count);
+  }
+  if (watch.fd >= 0 && (waits[1].revents & POLLIN) != 0 && watch.onReadable != nullptr) {
+    try {
+      const agent::spf::sharedmemory::MappedAccess mapped;
+      watch.onReadable();
+    } catch (...) {
+      // The watch looks again at its next event.
+    }
+  }
 }
 
 void WorkQueue::run() {
@@ -208,10 +255,15 @@ void WorkQueue::run() {
     {
       std::unique_lock<std::mutex> lock(mutex);
       // Marked asleep under the mutex: a caller that pushes after this sees
-      // it and does not spin; one that pushed before is not slept through.
-      if (!stop && jobs.empty()) {
+      // it, does not spin and wakes the thread; one that pushed before is not
+      // slept through.
+      while (!stop && jobs.empty()) {
         awakeCpu.store(WorkQueue::asleep, std::memory_order_release);
-        condition.wait(lock, [this] { return stop || !jobs.empty(); });
+        sleeping = true;
+        lock.unlock();
+        sleepUntilWoken();
+        lock.lock();
+        sleeping = false;
       }
       awakeCpu.store(sched_getcpu(), std::memory_order_release);
       if (stop) return;  // jobs still queued are destroyed with the queue, unrun
@@ -255,6 +307,20 @@ bool WorkQueue::awaitNoJobInHand(std::chrono::microseconds limit) const noexcept
   return true;
 }
 
+void setIdleWatch(IdleWatch watch) noexcept {
+  idleWatchHandler.store(watch.onReadable, std::memory_order_release);
+  idleWatchFd.store(watch.fd, std::memory_order_release);
+  std::shared_ptr<WorkQueue> primary;
+  try {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    const Lanes& lanes = processLanes();
+    if (!lanes.byNumber.empty()) primary = lanes.byNumber.front().lock();
+  } catch (...) {
+    return;  // the thread takes the new watch when it next sleeps
+  }
+  if (primary) primary->wake();
+}
+
 std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
   registerForkHandler();
   std::lock_guard<std::mutex> lock(queueMutex);
@@ -262,7 +328,7 @@ std::shared_ptr<WorkQueue> WorkThreadGuard::processQueue() {
   if (lanes.empty()) lanes.emplace_back();
   std::shared_ptr<WorkQueue> queue = lanes.front().lock();
   if (!queue) {
-    queue = std::make_shared<WorkQueue>();
+    queue = std::make_shared<WorkQueue>(true);
     lanes.front() = queue;
   }
   return queue;
@@ -278,7 +344,7 @@ WorkThreadGuard WorkThreadGuard::forLock(LockTerm term) {
     if (lane == lanes.byNumber.size()) lanes.byNumber.emplace_back();
     std::shared_ptr<WorkQueue> queue = lanes.byNumber[lane].lock();
     if (!queue) {
-      queue = std::make_shared<WorkQueue>();
+      queue = std::make_shared<WorkQueue>(lane == 0);
       lanes.byNumber[lane] = queue;
       if (lane != 0) lanes.further.push_back(queue);
     }
@@ -291,6 +357,26 @@ WorkThreadGuard WorkThreadGuard::forLock(LockTerm term) {
       guard.lockRoom = term;
       return guard;
     }
+  }
+}
+
+void WorkThreadGuard::retireLane(const WorkQueue* lane) noexcept {
+  std::shared_ptr<WorkQueue> kept;  // dropped after queueMutex is released
+  try {
+    std::lock_guard<std::mutex> lock(queueMutex);
+    Lanes& lanes = processLanes();
+    for (auto& slot : lanes.byNumber) {
+      if (slot.lock().get() == lane) slot.reset();
+    }
+    for (auto it = lanes.further.begin(); it != lanes.further.end(); ++it) {
+      if (it->get() == lane) {
+        kept = std::move(*it);
+        lanes.further.erase(it);
+        break;
+      }
+    }
+  } catch (...) {
+    // Only locking can fail here; the lane then stays in service.
   }
 }
 

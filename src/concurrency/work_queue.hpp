@@ -52,7 +52,6 @@
 #include <sys/types.h>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -79,10 +78,25 @@ inline constexpr unsigned lastingLocksPerLane = 2000;
 // later, or nothing if it was not moved.
 std::optional<cpu_set_t> leaveCpu(int cpu) noexcept;
 
+// A descriptor that the primary work thread also waits on while it sleeps,
+// and the function it calls on that thread when the descriptor is readable
+// (it must read what is there, or the thread would wake again at once).
+// Used by the watch that heals this process's publications. -1: none.
+struct IdleWatch {
+  int fd = -1;
+  void (*onReadable)() = nullptr;
+};
+
+// Sets the idle watch of the process (an fd of -1 removes it) and wakes the
+// primary work thread, so that it waits on the new one. A forked child
+// starts without one.
+void setIdleWatch(IdleWatch watch) noexcept;
+
 class WorkQueue {
  public:
-  // Starts the thread; std::system_error if it cannot be started.
-  WorkQueue();
+  // Starts the thread; std::system_error if it cannot be started. The
+  // primary queue (lane 0) also waits on the process's idle watch.
+  explicit WorkQueue(bool primary = false);
   // Stops the loop (pending jobs are destroyed unrun) and joins the thread.
   // In a forked child of the creating process it only abandons the queue.
   ~WorkQueue();
@@ -91,6 +105,10 @@ class WorkQueue {
 
   // Appends a job and wakes the thread.
   void push(std::function<void()> job);
+
+  // Wakes the thread if it sleeps, so that it looks at its queue and its
+  // idle watch again.
+  void wake() noexcept;
 
   // Identifier of the work thread.
   std::thread::id threadId() const noexcept { return thread.get_id(); }
@@ -119,13 +137,18 @@ class WorkQueue {
   friend class WorkThreadGuard;
 
   void run();
+  // Sleeps until woken (or, on the primary queue, until the idle watch is
+  // readable, which it then serves); returns without a reason on a signal.
+  void sleepUntilWoken();
   void startAwayFromCreator() noexcept;
   void abandonInForkedChild() noexcept;
 
   std::mutex mutex;
   bool stop = false;
   std::deque<std::function<void()>> jobs;
-  std::condition_variable condition;
+  bool sleeping = false;  // under `mutex`: the thread waits, or is about to, on `wakeFd`
+  int wakeFd = -1;        // an eventfd that a pusher writes to wake the sleeping thread
+  const bool primary;
   // Copies of `stop` and of the number of `jobs`, written under `mutex` and
   // read without it by the work thread while it spins before sleeping.
   std::atomic<bool> stopSeen{false};
@@ -145,6 +168,8 @@ class WorkQueue {
 
 class WorkThreadGuard {
  public:
+  // An empty guard: refers to no queue.
+  WorkThreadGuard() noexcept = default;
   // Obtains the process's primary queue (starting it if none is live) and
   // pushes `job`.
   explicit WorkThreadGuard(std::function<void()>&& job);
@@ -171,6 +196,12 @@ class WorkThreadGuard {
   // and unlock of that one mutex both run on this guard's thread (run()).
   static WorkThreadGuard forLock(LockTerm term);
 
+  // Takes `lane` out of service: no lock goes to it any more, and the
+  // process no longer keeps it; it ends once the guards that still refer to
+  // it are gone. For a lane whose list of held robust mutexes was damaged
+  // through one of them (see robust_lock_guard.hpp, abandon()).
+  static void retireLane(const WorkQueue* lane) noexcept;
+
   // Runs `function` on this guard's work thread, as executeAndSet() does on
   // the primary one (same blocking, exceptions and log record).
   void run(std::function<int()>&& function, int& result);
@@ -179,7 +210,6 @@ class WorkThreadGuard {
   const std::shared_ptr<WorkQueue>& queue() const noexcept { return workQueue; }
 
  private:
-  WorkThreadGuard() = default;
   // The process's live primary queue, or a new one.
   static std::shared_ptr<WorkQueue> processQueue();
   // Gives back the lock room this guard holds, if any.

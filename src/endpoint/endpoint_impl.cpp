@@ -13,6 +13,9 @@
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
 #include "directory/segment_names.hpp"
+#include "endpoint/record_bytes.hpp"
+#include "healing/held_records.hpp"
+#include "healing/publication_watch.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -23,15 +26,9 @@ using agent::spf::sharedmemory::SharedMemory;
 
 constexpr SharedMemory::ImplementationSpecifications defaultSpecification{};
 
-RecordHeader& headerOf(SharedMemory& segment) { return *static_cast<RecordHeader*>(segment.getPointer()); }
-
-unsigned char* dataOf(SharedMemory& segment) {
-  return static_cast<unsigned char*>(segment.getPointer()) + recordDataOffset;
-}
-
-std::atomic_ref<std::uint8_t> livenessFlagOf(SharedMemory& segment) {
-  return std::atomic_ref<std::uint8_t>(headerOf(segment).livenessFlag);
-}
+using recordbytes::dataOf;
+using recordbytes::headerOf;
+using recordbytes::livenessFlagOf;
 
 }  // namespace
 
@@ -41,7 +38,16 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, 
       name(recordName(data, groupTagArgument, 0, trustee)),
       sharedMemory(createSharedMemory(data)),
       livenessLock(getLivenessLock()),
-      directoryEntry(name, trustee) {
+      directoryEntry(name, trustee),
+      data(data) {
+  // From now on the process heals the record when it is lost.
+  watch = healing::watchRecord(trustee, name);
+  try {
+    HeldRecords::add(*this);
+  } catch (...) {
+    healing::unwatchRecord(watch);
+    throw;
+  }
   ER_TEST_HOOK("record.published");
 }
 
@@ -52,6 +58,9 @@ Endpoint::Impl::~Impl() {
   // name leaves the directory, the mutex is unlocked and destroyed, the
   // segment is released.
   if (inheritedByFork()) return;
+  // No longer healed; the watch goes before the segment does.
+  HeldRecords::remove(*this);
+  healing::unwatchRecord(watch);
   if (sharedMemory.isAttached()) livenessFlagOf(sharedMemory).exchange(0);
   ER_TEST_HOOK("record.withdrawing");
 }
@@ -62,7 +71,13 @@ std::string Endpoint::Impl::getGroupTag() const { return groupTag; }
 
 std::string Endpoint::Impl::getTrustee() const { return trustee; }
 
-Endpoint::Impl::DataPair Endpoint::Impl::getDataPair() { return getDataPair(name, trustee); }
+Endpoint::Impl::DataPair Endpoint::Impl::getDataPair() {
+  // What the record's segment holds; the data it was published with when
+  // the segment cannot be read (lost, or being published again).
+  DataPair read = getDataPair(name, trustee);
+  if (read.first.empty() && read.second.empty()) return data;
+  return read;
+}
 
 SharedMemory Endpoint::Impl::createSharedMemory(const DataPair& data) {
   const MappedAccess mapped;

@@ -122,6 +122,26 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
   static RecordRead readRecord(const std::string& name, const std::string& trustee, RecordReadSession& session,
                                RecordJudgement judgement);
   static std::vector<std::string> filterNames(const std::string& groupTag, const std::string& trustee);
+
+  // Healing (healing/publication_healer.hpp), under the held records' lock.
+  enum class SegmentHealth {
+    Intact,   // the record's name names its own segment, whole, flagged and locked
+    Unnamed,  // its bytes are whole, but its name names them no longer (removed, replaced, cut short)
+    Damaged,  // its own bytes were cut or overwritten
+  };
+  SegmentHealth segmentHealth();
+  // Publishes the record anew under its name: a new segment with its data,
+  // locked on a lane (other than a retired one) and flagged, in place of the
+  // old one, which is released (`oldIntact`) or, its bytes damaged, left
+  // untouched with its lock abandoned. Throws std::runtime_error when the
+  // name is held by a live record of another process or is being created,
+  // or when the segment cannot be made; the record then keeps what it had.
+  void republish(bool oldIntact);
+  // Names the record again in its trustee's directory unless it is there.
+  bool restoreName() const { return directoryEntry.restore(); }
+  // The lane whose work thread holds the record's lock.
+  const WorkQueue* lane() const noexcept { return livenessLock.lane(); }
+  const std::string& recordNameText() const noexcept { return name; }
   static std::size_t countSynonymEndpoints(const DataPair& data, const std::string& groupTag);
 
  private:
@@ -136,6 +156,9 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
   SharedMemory sharedMemory;
   PThreadRobustLockGuard livenessLock;
   DirectoryEntry directoryEntry;
+  // What healing needs: the data to publish again, the watch on the segment.
+  DataPair data;
+  int watch = -1;
 };
 
 }  // namespace agent::spf::endpointregistry

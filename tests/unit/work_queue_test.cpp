@@ -124,11 +124,16 @@ std::pair<long, std::uintptr_t> blockedIn(pid_t tid) {
   return {number, static_cast<std::uintptr_t>(std::stoull(argument, nullptr, 16))};
 }
 
-// Waits (bounded) until thread `tid` sleeps in futex(), i.e. the idle work
+// Waits (bounded) until thread `tid` sleeps in poll(), i.e. the idle work
 // thread waits for jobs and holds no lock of the allocator, so that a fork
 // cannot catch it half-way.
 bool waitUntilIdle(pid_t tid) {
-  return pollUntil([tid] { return blockedIn(tid).first == SYS_futex; }, 30s);
+  return pollUntil(
+      [tid] {
+        const long call = blockedIn(tid).first;
+        return call == SYS_poll || call == SYS_ppoll;
+      },
+      30s);
 }
 
 // True once thread `tid` of this process sleeps in futex() on a word inside

@@ -477,6 +477,24 @@ bool SharedMemory::claimRefuses(int operation) const noexcept {
   }
 }
 
+SharedMemory::NameState SharedMemory::nameState() const noexcept {
+  if (!isAttached()) return NameState::Unknown;
+  try {
+    struct stat st {};
+    const int result = fstatat(AT_FDCWD, (scopePath_ + "/" + name_).c_str(), &st, AT_SYMLINK_NOFOLLOW);
+    if (result != 0) return errno == ENOENT || errno == ENOTDIR ? NameState::Missing : NameState::Unknown;
+    if (st.st_dev != device_ || st.st_ino != inode_) return NameState::Other;
+    return static_cast<std::uintmax_t>(st.st_size) < size_ ? NameState::Short : NameState::Same;
+  } catch (...) {
+    return NameState::Unknown;
+  }
+}
+
+std::string scopeFolderPath(const std::string& trustee) {
+  Scope scope;
+  return detail::resolveScope(trustee, scope).ok() ? scope.path : std::string();
+}
+
 void SharedMemory::release() noexcept {
   endCreation();
   if (address_ != nullptr) {

@@ -105,6 +105,16 @@ class SharedMemory {
   // released it nor died. False as isBeingCreated() is.
   bool isClaimed() const noexcept;
 
+  // What the segment's name names now, compared with this handle's segment.
+  enum class NameState {
+    Same,     // this segment, at least as long as mapped
+    Short,    // this segment, cut shorter than mapped
+    Other,    // another file
+    Missing,  // nothing (or the scope folder is gone)
+    Unknown,  // unattached, or the answer cannot be had
+  };
+  NameState nameState() const noexcept;
+
  private:
   enum class OpenMode : unsigned char;
   // The work of create(), find() and createOrFind(); logs any failure.
@@ -198,6 +208,11 @@ class SegmentReader {
   explicit SegmentReader(int fd) noexcept : fd_(fd) {}
   int fd_ = -1;
 };
+
+// The path of the trustee's scope folder ("/dev/shm/u<euid>" or
+// "/dev/shm/g<gid>"), whether or not it exists; empty when the trustee is
+// no known group.
+std::string scopeFolderPath(const std::string& trustee);
 
 // The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
 std::string getCurrentUserName();

@@ -1,0 +1,219 @@
+#include "healing/publication_watch.hpp"
+
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <unordered_map>
+
+#include <agent/spf/sharedmemory/shared_memory.hpp>
+
+#include "concurrency/work_queue.hpp"
+#include "diagnostics/diagnostics.hpp"
+#include "healing/publication_healer.hpp"
+
+namespace agent::spf::endpointregistry::healing {
+namespace {
+
+// What each watch looks at: a record's segment, or a directory's base.
+struct Target {
+  std::string trustee;
+  bool directory = false;
+};
+
+// Attempts of one healing that keeps failing, and the first interval
+// between them (doubled each time): about 1.3 s in all.
+constexpr int healingAttempts = 8;
+constexpr std::chrono::milliseconds firstRetryInterval{10};
+
+constexpr std::uint32_t watchedChanges = IN_ATTRIB | IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF;
+
+struct Watch {
+  std::mutex mutex;
+  int fd = -1;
+  std::unordered_map<int, Target> targets;
+  std::unordered_map<std::string, int> directories;  // trustee -> watch of its base
+  // The healer's work: requested while it runs, done in its next round.
+  bool healerRunning = false;
+  bool healAll = false;
+  std::set<std::string> toHeal;
+};
+
+Watch& theWatch();
+
+void onReadable() noexcept;
+
+// Never destroyed: the healer may still be at work while the process exits.
+Watch& theWatch() {
+  static Watch* const made = [] {
+    pthread_atfork(nullptr, nullptr, [] {
+      // The child must not read the parent's events: it closes its copy of
+      // the descriptor and starts with no watch (its records are none).
+      Watch& inherited = theWatch();
+      if (inherited.fd >= 0) close(inherited.fd);
+      alignas(Watch) static unsigned char parked[sizeof(Watch)];
+      std::memcpy(parked, static_cast<void*>(&inherited), sizeof parked);
+      ::new (static_cast<void*>(&inherited)) Watch{};
+    });
+    return new Watch{};
+  }();
+  return *made;
+}
+
+// The watch's descriptor, made (and handed to the primary work thread) on
+// first need. Under the watch's mutex.
+int descriptorOf(Watch& watch) {
+  if (watch.fd < 0) {
+    watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (watch.fd >= 0) setIdleWatch(IdleWatch{watch.fd, &onReadable});
+  }
+  return watch.fd;
+}
+
+int addWatch(Watch& watch, const std::string& trustee, const std::string& name, bool directory) {
+  const int fd = descriptorOf(watch);
+  if (fd < 0) return -1;
+  const std::string folder = agent::spf::sharedmemory::scopeFolderPath(trustee);
+  if (folder.empty()) return -1;
+  const int added = inotify_add_watch(fd, (folder + "/" + name).c_str(), watchedChanges | IN_DONT_FOLLOW);
+  if (added >= 0) watch.targets[added] = Target{trustee, directory};
+  return added;
+}
+
+void watchDirectoryLocked(Watch& watch, const std::string& trustee) {
+  const int added = addWatch(watch, trustee, registryDirectoryName + "v0", true);
+  if (added >= 0) watch.directories[trustee] = added;
+}
+
+// A log line where nothing may be thrown: one that cannot be written is dropped.
+template <typename... Pieces>
+void logQuietly(const Pieces&... pieces) noexcept {
+  try {
+    logMessage(mainLogger(), Error, pieces...);
+  } catch (...) {
+  }
+}
+
+void runHealer() noexcept {
+  Watch& watch = theWatch();
+  int failures = 0;
+  for (;;) {
+    std::set<std::string> trustees;
+    bool all = false;
+    {
+      std::lock_guard<std::mutex> lock(watch.mutex);
+      if (!watch.healAll && watch.toHeal.empty()) {
+        watch.healerRunning = false;
+        return;
+      }
+      trustees.swap(watch.toHeal);
+      all = std::exchange(watch.healAll, false);
+    }
+    const HealingOutcome outcome = healPublications(trustees, all, failures == 0);
+    {
+      std::lock_guard<std::mutex> lock(watch.mutex);
+      for (const std::string& trustee : outcome.directoriesSeen) watchDirectoryLocked(watch, trustee);
+    }
+    if (outcome.succeeded) {
+      failures = 0;
+      continue;
+    }
+    if (++failures >= healingAttempts) {
+      logQuietly("PublicationHealer: Gave up after ", failures,
+                 " attempts; the next change of a watched segment starts over.");
+      failures = 0;
+      continue;  // whatever was requested meanwhile is still done
+    }
+    std::this_thread::sleep_for(firstRetryInterval * (1 << (failures - 1)));
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    watch.toHeal.insert(trustees.begin(), trustees.end());
+    watch.healAll = watch.healAll || all;
+  }
+}
+
+// Runs on the primary work thread whenever the watch's descriptor is
+// readable: reads every event there is, and sends what is hit to the
+// healer.
+void onReadable() noexcept {
+  Watch& watch = theWatch();
+  std::set<std::string> trustees;
+  bool all = false;
+  {
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    alignas(inotify_event) char buffer[4096];
+    for (;;) {
+      const ssize_t got = read(watch.fd, buffer, sizeof buffer);
+      if (got <= 0) break;
+      for (ssize_t offset = 0; offset < got;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
+        offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        if ((event->mask & IN_Q_OVERFLOW) != 0) {
+          all = true;
+          continue;
+        }
+        const auto found = watch.targets.find(event->wd);
+        if (found == watch.targets.end()) continue;
+        trustees.insert(found->second.trustee);
+        if ((event->mask & IN_IGNORED) != 0) {
+          if (found->second.directory) watch.directories.erase(found->second.trustee);
+          watch.targets.erase(found);
+        }
+      }
+    }
+  }
+  if (all || !trustees.empty()) requestHealing(trustees, all);
+}
+
+}  // namespace
+
+int watchRecord(const std::string& trustee, const std::string& name) noexcept {
+  try {
+    Watch& watch = theWatch();
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    if (watch.directories.count(trustee) == 0) watchDirectoryLocked(watch, trustee);
+    return addWatch(watch, trustee, name, false);
+  } catch (...) {
+    return -1;
+  }
+}
+
+void unwatchRecord(int watched) noexcept {
+  if (watched < 0) return;
+  try {
+    Watch& watch = theWatch();
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    if (watch.targets.erase(watched) != 0 && watch.fd >= 0) inotify_rm_watch(watch.fd, watched);
+  } catch (...) {
+    // Its events, if any, find no target and are dropped.
+  }
+}
+
+void watchDirectory(const std::string& trustee) noexcept {
+  try {
+    Watch& watch = theWatch();
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    watchDirectoryLocked(watch, trustee);
+  } catch (...) {
+  }
+}
+
+void requestHealing(const std::set<std::string>& trustees, bool all) noexcept {
+  try {
+    Watch& watch = theWatch();
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    watch.toHeal.insert(trustees.begin(), trustees.end());
+    watch.healAll = watch.healAll || all;
+    if (watch.healerRunning) return;
+    std::thread(&runHealer).detach();
+    watch.healerRunning = true;
+  } catch (...) {
+    logQuietly("PublicationHealer: Could not start the healer.");
+  }
+}
+
+}  // namespace agent::spf::endpointregistry::healing
