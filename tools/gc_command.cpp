@@ -3,8 +3,9 @@
 // Explicit maintenance of the user's own directory (with --trustee, of the
 // named ones; with --all-trustees, also of every group of the user): clears
 // away the records of dead publishers, record segments that no directory
-// names, names whose segment is gone and unused directory containers, and
-// prints how many of each it cleared.
+// names, names whose segment is gone and unused directory containers,
+// rebuilds damaged or lost directories, names live records again, and prints
+// how many of each.
 #include <iostream>
 #include <memory>
 
@@ -30,11 +31,14 @@ int runGc(const GcOptions& options) {
     object["unnamedSegments"] = report.unnamedSegments;
     object["danglingNames"] = report.danglingNames;
     object["leftoverContainers"] = report.leftoverContainers;
+    object["rebuiltDirectories"] = report.rebuiltDirectories;
+    object["restoredNames"] = report.restoredNames;
     std::cout << dumpJson(object, 2) << std::endl;
   } else {
     std::cout << "cleared " << report.staleRecords << " stale record(s), " << report.unnamedSegments
               << " unnamed segment(s), " << report.danglingNames << " dangling name(s), " << report.leftoverContainers
-              << " leftover container(s)" << std::endl;
+              << " leftover container(s); rebuilt " << report.rebuiltDirectories << " directory(ies), restored "
+              << report.restoredNames << " name(s)" << std::endl;
   }
   return Success;
 }

@@ -57,6 +57,7 @@ void printJson(const RawDirectory& directory) {
                         {"freeRows", directory.freeRows}};
   }
   out["problem"] = directory.problem.empty() ? Json(nullptr) : Json(directory.problem);
+  out["damage"] = directory.damage;
   Json rows = Json::array();
   for (const RawRow& row : directory.rows) rows.push_back(rowToJson(row, viewRecord(row, directory.trustee)));
   out["rows"] = rows;
@@ -72,7 +73,9 @@ std::string rowName(const RawRow& row) {
 void printText(const RawDirectory& directory) {
   std::cout << "directory " << directory.baseName << " (trustee " << displayText(directory.trustee) << ")";
   if (!directory.baseFound) {
-    std::cout << ": not found" << std::endl;
+    std::cout << ": not found\n";
+    for (const std::string& damage : directory.damage) std::cout << "damage: " << damage << '\n';
+    std::cout.flush();
     return;
   }
   std::cout << "\n  initializerPid " << directory.initializerPid << "  initialized " << directory.initialized
@@ -89,6 +92,7 @@ void printText(const RawDirectory& directory) {
               << directory.freeRows << " free\n";
   }
   if (!directory.problem.empty()) std::cout << "problem: " << directory.problem << '\n';
+  for (const std::string& damage : directory.damage) std::cout << "damage: " << damage << '\n';
   if (!directory.rows.empty()) {
     std::cout << '\n';
     Table rows({"ROW", "STATE", "PID", "FIRST", "SECOND", "NAME"});

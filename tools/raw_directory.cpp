@@ -6,8 +6,10 @@
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
+#include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "directory/named_string_array.hpp"
+#include "directory/segment_names.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
@@ -23,9 +25,22 @@ std::optional<std::size_t> containerBytes(const RawSlot& slot) {
   return checkedContainerSize(slot.rowWidth, slot.rowCount);
 }
 
+// What in a base no writer writes.
+std::vector<std::string> baseDamage(const NamedStringArrayBase& header) {
+  std::vector<std::string> damage;
+  if (header.initialized > 1) damage.push_back("initialized holds " + std::to_string(header.initialized));
+  if (header.activeSlot > 1) damage.push_back("activeSlot holds " + std::to_string(header.activeSlot));
+  if (!PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex)) {
+    damage.push_back("the mutex is of kind " + std::to_string(header.mutex.__data.__kind) +
+                     ", not one a directory is made with");
+  }
+  return damage;
+}
+
 void copyHeader(const SharedMemory& base, RawDirectory& directory) {
   NamedStringArrayBase header;
   std::memcpy(&header, base.getPointer(), sizeof header);
+  directory.damage = baseDamage(header);
   directory.initializerPid = header.initializerPid;
   directory.initialized = header.initialized;
   directory.activeSlotByte = header.activeSlot;
@@ -79,7 +94,14 @@ RawDirectory readRawDirectory(const std::string& trustee) {
   directory.baseName = NamedStringArray::makeBaseName(registryDirectoryName, 0, trustee);
   const SharedMemory base =
       SharedMemory::find(directory.baseName, NamedStringArray::baseSize, trustee, defaultSpecification);
-  if (!base.isAttached()) return directory;
+  if (!base.isAttached()) {
+    if (agent::spf::sharedmemory::segmentPresence(trustee, directory.baseName) ==
+        agent::spf::sharedmemory::SegmentPresence::Present) {
+      directory.damage.push_back("the base exists but cannot be read (shorter than its " +
+                                 std::to_string(NamedStringArray::baseSize) + " bytes, or refused)");
+    }
+    return directory;
+  }
   directory.baseFound = true;
   const NamedStringArray array(registryDirectoryName, 0, trustee);
 
@@ -109,6 +131,13 @@ RawDirectory readRawDirectory(const std::string& trustee) {
       const auto* start = static_cast<const unsigned char*>(container.getPointer());
       const std::vector<unsigned char> bytes(start, start + *size);
       parseRows(bytes, slot, directory);
+      std::size_t malformed = 0;
+      for (const RawRow& row : directory.rows) {
+        if (row.countByte != 1 || row.strings.size() != 1 || row.strings.front().rfind(recordPrefix, 0) != 0) {
+          ++malformed;
+        }
+      }
+      if (malformed != 0) directory.damage.push_back(std::to_string(malformed) + " used row(s) hold no record name");
     }
     RawDirectory after;
     copyHeader(base, after);

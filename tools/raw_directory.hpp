@@ -41,6 +41,10 @@ struct RawDirectory {
   std::string containerName;  // the active container's name, once the base is initialised
   bool containerFound = false;
   std::string problem;  // why the rows could not be read; empty when they were
+  // What is damaged (each a sentence): a base that exists but cannot be
+  // read, bytes of the base that no writer writes, rows that hold no record
+  // name. A writer rebuilds such a directory; nothing here changes it.
+  std::vector<std::string> damage;
   unsigned long freeRows = 0;
   std::vector<RawRow> rows;  // the used rows, in row order
 

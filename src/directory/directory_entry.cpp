@@ -31,7 +31,7 @@ DirectoryEntry::DirectoryEntry(const std::string& name, const std::string& trust
   (void)registryDirectory(this->trustee).insertUnlessPresent({this->name});
 }
 
-bool DirectoryEntry::restore() const { return registryDirectory(trustee).insertUnlessPresent({name}); }
+bool DirectoryEntry::restore() const { return nameAgain(name, trustee); }
 
 DirectoryEntry::~DirectoryEntry() {
   if (getpid() != ownerPid) return;
@@ -59,6 +59,12 @@ std::size_t eraseDanglingNames(const std::string& trustee) {
     return entry.size() == 1 && entry.front().rfind(recordPrefix, 0) == 0 &&
            agent::spf::sharedmemory::segmentPresence(trustee, entry.front()) == SegmentPresence::Absent;
   });
+}
+
+bool repairDirectory(const std::string& trustee) { return registryDirectory(trustee).repair(); }
+
+bool nameAgain(const std::string& name, const std::string& trustee) {
+  return registryDirectory(trustee).insertUnlessPresent({name});
 }
 
 std::size_t removeLeftoverContainers(const std::string& trustee) {

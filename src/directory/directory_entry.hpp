@@ -62,4 +62,12 @@ std::size_t eraseDanglingNames(const std::string& trustee);
 // does not use; returns how many.
 std::size_t removeLeftoverContainers(const std::string& trustee);
 
+// Maintenance. Rebuilds the trustee's directory if it is damaged, or lost
+// while live records remain (see NamedStringArray::repair); true when it did.
+bool repairDirectory(const std::string& trustee);
+
+// Maintenance. Inserts `name` into the trustee's directory unless it is
+// there; true when it was missing.
+bool nameAgain(const std::string& name, const std::string& trustee);
+
 }  // namespace agent::spf::endpointregistry

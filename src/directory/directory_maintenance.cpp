@@ -69,16 +69,17 @@ bool NamedStringArray::repair() {
     recoveredYet = true;
     if (recovered.empty()) return false;
   }
-  SharedMemory base = openBaseForWriting();
+  bool replaced = false;
+  SharedMemory base = openBaseForWriting(&replaced);
   awaitInitialized(base);
   PThreadRobustLockGuard guard(&headerOf(base).mutex);
   bool lost = false;
   SharedMemory container = openActiveContainer(base, lost);
-  if (!needsRebuild(base, container, lost)) return false;
+  if (!needsRebuild(base, container, lost)) return replaced;
   if (!recoveredYet) recovered = recovery.entries(trustee);
   // Nothing to rebuild a never-used directory with: it stays as it is.
   const ContainerShape active = shapeOf(headerOf(base), activeSlotOf(headerOf(base)));
-  if (recovered.empty() && !lost && active.number == 1 && active.rowCount == 0) return false;
+  if (recovered.empty() && !lost && active.number == 1 && active.rowCount == 0) return replaced;
   rebuild(base, container, 0, nullptr, recovered);
   return true;
 }

@@ -162,20 +162,22 @@ bool NamedStringArray::insertEntry(const Entry& entry, bool unlessPresent) {
   return true;
 }
 
-SharedMemory NamedStringArray::openBaseForWriting() {
+SharedMemory NamedStringArray::openBaseForWriting(bool* replaced) {
   SharedMemory base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
   if (recovery.entries != nullptr) {
     // A base too short to be found, that nobody is still creating, or one
     // holding what no writer writes, is replaced by a new one, which is then
     // rebuilt as never used. A process that still has the old one mapped
     // goes on with it until its next operation.
+    bool replacing = false;
     if (!base.isAttached() && agent::spf::sharedmemory::removeUnclaimedSegment(trustee, baseName, baseSize)) {
-      base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
-    }
-    if (base.isAttached() && looksDamaged(headerOf(base))) {
+      replacing = true;
+    } else if (base.isAttached() && looksDamaged(headerOf(base))) {
       base.markForDeletion();
-      base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
+      replacing = true;
     }
+    if (replacing) base = SharedMemory::createOrFind(baseName, baseSize, trustee, implementationSpecifications);
+    if (replaced != nullptr) *replaced = replacing;
   }
   if (!base.isAttached()) failToOpenBase();
   return base;

@@ -130,8 +130,9 @@ class NamedStringArray {
   // The shared work of insert() and insertUnlessPresent().
   bool insertEntry(const Entry& entry, bool unlessPresent);
   // The base, opened to be written: created if missing; with a Recovery, a
-  // damaged or too short one is replaced. Throws when it cannot be had.
-  SharedMemory openBaseForWriting();
+  // damaged or too short one is replaced (`replaced` tells). Throws when it
+  // cannot be had.
+  SharedMemory openBaseForWriting(bool* replaced = nullptr);
   // Spins until the base is initialised (see initializeBase).
   void awaitInitialized(SharedMemory& base);
   // The active container, found or created, under the lock. `lost` tells

@@ -26,9 +26,10 @@ namespace {
 // before its name is in the directory, or after its name has left the
 // directory, leaves such a segment, and no name leads any reader to it. The
 // segments of publications still under way read as transient or live and are
-// left alone. Housekeeping only: nothing found here enters the result, and a
-// segment that cannot be judged is skipped. Costs one pass over the scope
-// folder; normally no segment is left to open.
+// left alone. A segment too short to be read as a record (cut short) goes
+// once its publisher holds it no longer. Housekeeping only: nothing found
+// here enters the result, and a segment that cannot be judged is skipped.
+// Costs one pass over the scope folder; normally no segment is left to open.
 void sweepUnlistedRecords(const std::string& groupTag, const std::string& trustee,
                           const std::vector<std::string>& listed, RecordReadSession& session) {
   const std::vector<std::string> segments = agent::spf::sharedmemory::listSegmentNames(trustee, groupPrefix(groupTag));
@@ -37,7 +38,11 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::string& truste
   for (const std::string& name : segments) {
     if (named.count(name) != 0) continue;
     try {
-      (void)Endpoint::Impl::getDataPair(name, trustee, session);
+      // A segment too short to be read goes once its publisher holds it no
+      // longer; any other is judged as a record.
+      const RecordRead read = Endpoint::Impl::readRecord(name, trustee, session, RecordJudgement::Listing);
+      if (read.finding == RecordRead::Unreadable && recordFormat(name) == 0)
+        (void)removeUnreadableRecord(name, trustee);
     } catch (const std::exception&) {
       // Left for the next listing; this one's result does not depend on it.
     }

@@ -234,6 +234,12 @@ RecordRead readMappedRecord(SharedMemory& segment, const std::string& name, cons
 
 }  // namespace
 
+bool removeUnreadableRecord(const std::string& name, const std::string& trustee) {
+  const unsigned long dataLength = recordDataLength(name);
+  if (dataLength > std::numeric_limits<std::size_t>::max() - recordSegmentSize(0)) return false;
+  return agent::spf::sharedmemory::removeUnclaimedSegment(trustee, name, recordSegmentSize(dataLength));
+}
+
 std::vector<std::vector<std::string>> liveRecordNames(const std::string& trustee) {
   std::vector<std::vector<std::string>> names;
   const RecordReadSession session(trustee);

@@ -70,6 +70,11 @@ struct RecordRead {
 // names.
 enum class RecordJudgement { Listing, Maintenance };
 
+// Removes the record segment `name` of the trustee when it is too short to
+// be read and its publisher holds it no longer (a record truncated after its
+// publisher let go of it, or died). True when it was removed.
+bool removeUnreadableRecord(const std::string& name, const std::string& trustee);
+
 // What a listing opens once and uses for every record it reads in one
 // trustee's directory: the trustee's scope folder, opened and checked once.
 class RecordReadSession {

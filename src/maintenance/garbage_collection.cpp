@@ -15,26 +15,44 @@
 namespace agent::spf::endpointregistry {
 namespace {
 
-// Reads a record as maintenance judges it; true when it was cleared away.
-bool reclaimed(const std::string& name, const std::string& trustee, RecordReadSession& session) {
-  return Endpoint::Impl::readRecord(name, trustee, session, RecordJudgement::Maintenance).finding ==
-         RecordRead::Reclaimed;
+// Reads a record as maintenance judges it and clears it away if stale, or
+// if it is too short to be read and its publisher holds it no longer (its
+// name, if it has one, goes too). Returns what was found.
+RecordRead::Finding collect(const std::string& name, const std::string& trustee, RecordReadSession& session,
+                            bool named) {
+  const RecordRead read = Endpoint::Impl::readRecord(name, trustee, session, RecordJudgement::Maintenance);
+  if (read.finding != RecordRead::Unreadable || recordFormat(name) != 0) return read.finding;
+  if (!removeUnreadableRecord(name, trustee)) return read.finding;
+  if (named) eraseDirectoryName(name, trustee);
+  return RecordRead::Reclaimed;
 }
 
 void collectIn(const std::string& trustee, GarbageReport& report) {
   RecordReadSession session(trustee);
+  if (repairDirectory(trustee)) ++report.rebuiltDirectories;
   // Named records first: clearing a stale one also erases its name.
   for (const std::string& name : listDirectoryNames(recordPrefix, trustee)) {
-    if (reclaimed(name, trustee, session)) ++report.staleRecords;
+    if (collect(name, trustee, session, true) == RecordRead::Reclaimed) ++report.staleRecords;
   }
   report.danglingNames += eraseDanglingNames(trustee);
   // Then the segments that no name leads to. A publication under way names
-  // its record only after the record is locked and flagged (live), and its
-  // creation is claimed before that: neither is cleared here.
+  // its record only after the record is locked and flagged (live), and
+  // claims it before that: only a live one is named here, which its
+  // publisher's own naming then finds done.
   const std::vector<std::string> listed = listDirectoryNames(recordPrefix, trustee);
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
   for (const std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, recordPrefix)) {
-    if (named.count(name) == 0 && reclaimed(name, trustee, session)) ++report.unnamedSegments;
+    if (named.count(name) != 0) continue;
+    switch (collect(name, trustee, session, false)) {
+      case RecordRead::Reclaimed:
+        ++report.unnamedSegments;
+        break;
+      case RecordRead::Live:
+        if (nameAgain(name, trustee)) ++report.restoredNames;
+        break;
+      default:
+        break;
+    }
   }
   report.leftoverContainers += removeLeftoverContainers(trustee);
 }

@@ -73,15 +73,19 @@ class CliRawDirectoryTest : public ::testing::Test {
     return json::parse(run.out);
   }
 
-  // list and gc find nothing in the damaged directory and do not fail; gc
-  // prints `gcOut`.
-  void expectListAndGcCope(const std::string& gcOut = gcLine(0)) {
+  // list finds nothing in the damaged directory and does not fail; gc
+  // rebuilds it (printing `gcOut`), after which inspect finds it whole.
+  void expectListAndGcCope(const std::string& gcOut = gcLine(0, 0, 0, 0, 1)) {
     const ToolRun list = runTool({"list", "--exit-status"}, user->identity());
     EXPECT_EQ(list.exitCode, 3) << list.err;
     EXPECT_EQ(list.out, "FIRST  SECOND\n");
     const ToolRun gc = runTool({"gc"}, user->identity());
     EXPECT_EQ(gc.exitCode, 0) << gc.err;
     EXPECT_EQ(gc.out, gcOut);
+    const json after = inspect();
+    EXPECT_EQ(after["problem"], nullptr) << after;
+    EXPECT_EQ(after["damage"], json::array()) << after;
+    EXPECT_EQ(runTool({"gc"}, user->identity()).out, gcLine(0));
   }
 
   std::unique_ptr<IsolatedUser> user;
@@ -94,6 +98,7 @@ TEST_F(CliRawDirectoryTest, AbsurdDescriptorIsReported) {
   EXPECT_EQ(parsed["base"]["activeSlot"], 2);
   EXPECT_EQ(parsed["base"]["slots"][0]["rowCount"], std::uint64_t{1} << 33);
   EXPECT_EQ(parsed["problem"], "the active descriptor is out of bounds");
+  EXPECT_EQ(parsed["damage"], json::array({"activeSlot holds 2"}));
   EXPECT_EQ(parsed["container"], json::parse(R"({"name": "qzEndpointRegistryv05", "found": false,
                                                  "usedRows": 0, "freeRows": 0})"));
   EXPECT_EQ(parsed["rows"], json::array());
@@ -141,6 +146,7 @@ TEST_F(CliRawDirectoryTest, GarbageRowsAreReadWithinTheirBounds) {
 
   const json parsed = inspect();
   EXPECT_EQ(parsed["problem"], nullptr);
+  EXPECT_EQ(parsed["damage"], json::array({"2 used row(s) hold no record name"}));
   EXPECT_EQ(parsed["container"], json::parse(R"({"name": "qzEndpointRegistryv09", "found": true,
                                                  "usedRows": 3, "freeRows": 1})"));
   EXPECT_EQ(parsed["rows"], json::parse(R"([
@@ -151,7 +157,7 @@ TEST_F(CliRawDirectoryTest, GarbageRowsAreReadWithinTheirBounds) {
   const ToolRun text = runTool({"inspect"}, user->identity());
   EXPECT_EQ(text.out.find('\xff'), std::string::npos);
   // The record name without a segment is erased by gc, and only it.
-  expectListAndGcCope(gcLine(0, 0, 1));
+  expectListAndGcCope(gcLine(0, 0, 1, 0, 1));
 }
 
 }  // namespace

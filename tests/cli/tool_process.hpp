@@ -75,9 +75,12 @@ ToolRun runTool(const std::vector<std::string>& arguments, const std::optional<I
                 std::chrono::milliseconds timeout = toolTimeout);
 
 // The line `gc` prints for these counts of what it cleared.
-inline std::string gcLine(unsigned stale, unsigned unnamed = 0, unsigned dangling = 0, unsigned containers = 0) {
+inline std::string gcLine(unsigned stale, unsigned unnamed = 0, unsigned dangling = 0, unsigned containers = 0,
+                          unsigned rebuilt = 0, unsigned restored = 0) {
   return "cleared " + std::to_string(stale) + " stale record(s), " + std::to_string(unnamed) + " unnamed segment(s), " +
-         std::to_string(dangling) + " dangling name(s), " + std::to_string(containers) + " leftover container(s)\n";
+         std::to_string(dangling) + " dangling name(s), " + std::to_string(containers) +
+         " leftover container(s); rebuilt " + std::to_string(rebuilt) + " directory(ies), restored " +
+         std::to_string(restored) + " name(s)\n";
 }
 
 }  // namespace er::test
