@@ -30,9 +30,11 @@ std::vector<std::string> baseDamage(const NamedStringArrayBase& header) {
   std::vector<std::string> damage;
   if (header.initialized > 1) damage.push_back("initialized holds " + std::to_string(header.initialized));
   if (header.activeSlot > 1) damage.push_back("activeSlot holds " + std::to_string(header.activeSlot));
-  if (!PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex)) {
+  const bool kindFits = header.initialized == 1 ? PThreadRobustLockGuard::hasOwnKind(&header.mutex)
+                                                : PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
+  if (!kindFits) {
     damage.push_back("the mutex is of kind " + std::to_string(header.mutex.__data.__kind) +
-                     ", not one a directory is made with");
+                     ", not the one a directory is made with");
   }
   return damage;
 }

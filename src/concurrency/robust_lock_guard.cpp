@@ -13,9 +13,11 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
+#include "concurrency/robust_list.hpp"
 #include "diagnostics/diagnostics.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -137,15 +139,29 @@ bool PThreadRobustLockGuard::hasUnsetOrOwnKind(const pthread_mutex_t* mutex) noe
   return kind == 0 || kind == freshKind();
 }
 
+bool PThreadRobustLockGuard::hasOwnKind(const pthread_mutex_t* mutex) noexcept {
+  const agent::spf::sharedmemory::MappedAccess mapped;
+  return std::atomic_ref<int>(const_cast<int&>(mutex->__data.__kind)).load(std::memory_order_relaxed) == freshKind();
+}
+
 int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
   const agent::spf::sharedmemory::MappedAccess mapped;
   // Not a mutex this library could have made: refused as glibc refuses a
   // kind it does not know.
   if (!hasPlainKind(mutex)) return EINVAL;
+  // A robust mutex taken here goes first in this thread's list of robust
+  // mutexes, before whatever was first there; one of another kind goes in no
+  // list and is unlocked as it is.
+  const int kind = std::atomic_ref<int>(mutex->__data.__kind).load(std::memory_order_relaxed);
+  void* const before = robustlist::firstLink();
   const int result = pthread_mutex_trylock(mutex);
   if (result != 0 && result != EOWNERDEAD) return result;
   if (result == EOWNERDEAD) pthread_mutex_consistent(mutex);
-  pthread_mutex_unlock(mutex);
+  if (robustlist::firstLink() == robustlist::linkOf(mutex)) {
+    (void)robustlist::unlockHeld(mutex, kind, robustlist::headLink(), before);
+  } else {
+    pthread_mutex_unlock(mutex);
+  }
   return result;
 }
 
@@ -162,6 +178,29 @@ bool PThreadRobustLockGuard::heldInCopy(const pthread_mutex_t& copy) noexcept {
 }
 
 namespace {
+
+// Notes a mutex that this work thread has just locked: it unlocks each one
+// knowing its neighbours in the thread's list (robust_list.hpp).
+void noteLocked(pthread_mutex_t* mutex) {
+  if (WorkQueue* lane = WorkQueue::current()) lane->heldMutexes().push_back(mutex);
+}
+
+// Unlocks a mutex that this work thread holds; `dropped` as robust_list.hpp
+// tells.
+int unlockHeldMutex(pthread_mutex_t* mutex, bool& dropped) noexcept {
+  dropped = false;
+  WorkQueue* lane = WorkQueue::current();
+  if (lane == nullptr) return pthread_mutex_unlock(mutex);
+  std::vector<pthread_mutex_t*>& held = lane->heldMutexes();
+  const auto found = std::find(held.begin(), held.end(), mutex);
+  if (found == held.end()) return pthread_mutex_unlock(mutex);
+  const auto index = static_cast<std::size_t>(found - held.begin());
+  void* const newer = index + 1 < held.size() ? robustlist::linkOf(held[index + 1]) : robustlist::headLink();
+  void* const older = index > 0 ? robustlist::linkOf(held[index - 1]) : robustlist::headLink();
+  held.erase(found);
+  // Locked only when it was of this library's kind (see the lock job).
+  return robustlist::unlockHeld(mutex, freshKind(), newer, older, &dropped);
+}
 
 // The longest the work thread waits at once for a mutex that another process
 // holds; then it runs the process's other jobs before it tries again.
@@ -210,10 +249,15 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread(LockTerm term
 
   // A mutex left behind by a dead owner is repaired and kept; its previous
   // owner's death is not reported further.
+  // Only a mutex of the kind initializeMutex() makes is locked: one of another
+  // kind (garbage, or one that another process zeroed by cutting its
+  // segment short) may not be robust, and a holder that died would keep it
+  // locked for ever.
   auto lockJob = [this] {
-    if (!hasPlainKind(mutexPtr)) return EINVAL;
-    const int result = lockWithin(mutexPtr, lockWaitSlice);
-    if (result == EOWNERDEAD) return pthread_mutex_consistent(mutexPtr);
+    if (!hasOwnKind(mutexPtr)) return EINVAL;
+    int result = lockWithin(mutexPtr, lockWaitSlice);
+    if (result == EOWNERDEAD) result = pthread_mutex_consistent(mutexPtr);
+    if (result == 0) noteLocked(mutexPtr);
     return result;
   };
 
@@ -248,13 +292,15 @@ PThreadRobustLockGuard::Impl::~Impl() {
   // alone. Only the inherited reference to the parent's queue goes.
   if (getpid() != ownerPid || abandoned) return;
   int result = 0;
-  workThread.run([this] { return pthread_mutex_unlock(mutexPtr); }, result);
+  bool dropped = false;
+  workThread.run([this, &dropped] { return unlockHeldMutex(mutexPtr, dropped); }, result);
   if (result != 0) {
     logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to unlock the mutex. (Error ", result, ")");
   }
-  // Destroyed on the caller's thread, after the work thread let go of it.
+  // Destroyed on the caller's thread, after the work thread let go of it;
+  // one found damaged (cut or overwritten by another process) is not.
   const agent::spf::sharedmemory::MappedAccess mapped;
-  if (destroyOnRelease && pthread_mutex_destroy(mutexPtr) != 0) {
+  if (destroyOnRelease && !dropped && pthread_mutex_destroy(mutexPtr) != 0) {
     logMessage(mainLogger(), Error, "~PThreadRobustLockGuard: ", "Failed to destroy the mutex . (Error ", errno, ")");
   }
 }

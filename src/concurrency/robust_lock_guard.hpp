@@ -37,6 +37,8 @@ class PThreadRobustLockGuard {
   // the kind initializeMutex() makes; false for any other kind, such as
   // garbage or a destroyed mutex.
   static bool hasUnsetOrOwnKind(const pthread_mutex_t* mutex) noexcept;
+  // True when the mutex is of the kind initializeMutex() makes.
+  static bool hasOwnKind(const pthread_mutex_t* mutex) noexcept;
 
   // Probes a mutex on the calling thread without keeping it: 0 (free),
   // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of
@@ -60,7 +62,8 @@ class PThreadRobustLockGuard {
   // lock (a record's) is taken on a work thread that holds fewer lasting
   // locks than the kernel repairs when a thread dies (work_queue.hpp).
   // Throws std::runtime_error on a null mutex or a lock error (error 22,
-  // EINVAL, for a mutex of a kind getMutexState() does not touch).
+  // EINVAL, for a mutex of any other kind than initializeMutex() makes: it
+  // might not be robust, and a dead holder would keep it locked for ever).
   explicit PThreadRobustLockGuard(pthread_mutex_t* mutexPtr, LockTerm term = LockTerm::Brief);
   PThreadRobustLockGuard(PThreadRobustLockGuard&&) noexcept;
   // Takes the other's lock, then releases the one held before.

@@ -232,7 +232,14 @@ void WorkQueue::sleepUntilWoken() {
   }
 }
 
+namespace {
+thread_local WorkQueue* runningQueue = nullptr;
+}  // namespace
+
+WorkQueue* WorkQueue::current() noexcept { return runningQueue; }
+
 void WorkQueue::run() {
+  runningQueue = this;
   // The thread may also run first on its creator's core, taking it from the
   // creator before the creator has sent it away: it then leaves by itself,
   // so that its creator goes on at once.

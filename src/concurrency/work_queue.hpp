@@ -48,6 +48,7 @@
 // so that the child does not inherit the job's memory half-way.
 #pragma once
 
+#include <pthread.h>
 #include <sched.h>
 #include <sys/types.h>
 #include <atomic>
@@ -59,6 +60,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 namespace agent::spf::endpointregistry {
 
@@ -133,6 +135,12 @@ class WorkQueue {
   // WorkThreadGuard::forLock).
   unsigned lockCount() const noexcept { return locks.load(std::memory_order_acquire); }
 
+  // The queue whose work thread is calling; null on any other thread.
+  static WorkQueue* current() noexcept;
+  // The robust mutexes that this queue's thread holds, oldest first: kept by
+  // the lock guard's jobs, read and written on that thread only.
+  std::vector<pthread_mutex_t*>& heldMutexes() noexcept { return held; }
+
  private:
   friend class WorkThreadGuard;
 
@@ -157,6 +165,7 @@ class WorkQueue {
   std::atomic<int> holds{0};
   std::atomic<bool> jobInHand{false};  // from taking a job until it is destroyed
   std::atomic<unsigned> locks{0};      // counted by the guards of forLock()
+  std::vector<pthread_mutex_t*> held;  // see heldMutexes()
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
   int creatorCpu;    // the core its creator ran on as it started the thread

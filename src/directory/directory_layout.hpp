@@ -67,9 +67,9 @@ inline bool isInitialized(NamedStringArrayBase& header) {
   return std::atomic_ref<std::uint8_t>(header.initialized).load() == 1;
 }
 
-// A base holding what no writer writes: a mutex that is neither zero nor of
-// the kind directories are made with, or `initialized` or `activeSlot`
-// beyond 1.
+// A base holding what no writer writes: `initialized` or `activeSlot`
+// beyond 1, or a mutex not of the kind directories are made with (zero is
+// allowed only before initialisation).
 bool looksDamaged(const NamedStringArrayBase& header);
 
 // The container that one descriptor slot describes.

@@ -19,8 +19,9 @@ std::size_t NamedStringArray::eraseIf(const std::function<bool(const Entry&)>& d
   SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
   if (!base.isAttached()) return 0;
   NamedStringArrayBase& header = headerOf(base);
-  if (!isInitialized(header) || (recovery.entries != nullptr && looksDamaged(header))) return 0;
-  PThreadRobustLockGuard guard(&header.mutex);
+  if (!isInitialized(header)) return 0;
+  const std::optional<PThreadRobustLockGuard> guard = lockBase(header);
+  if (!guard) return 0;
   const ContainerShape shape = shapeOf(header, activeSlotOf(header));
   if (shape.rowCount == 0 || !shape.size) return 0;
   SharedMemory container =
@@ -42,8 +43,9 @@ std::size_t NamedStringArray::removeLeftoverContainers() {
   SharedMemory base = SharedMemory::find(baseName, baseSize, trustee, implementationSpecifications);
   if (!base.isAttached()) return 0;
   NamedStringArrayBase& header = headerOf(base);
-  if (!isInitialized(header) || (recovery.entries != nullptr && looksDamaged(header))) return 0;
-  PThreadRobustLockGuard guard(&header.mutex);
+  if (!isInitialized(header)) return 0;
+  const std::optional<PThreadRobustLockGuard> guard = lockBase(header);
+  if (!guard) return 0;
   // Writers make containers only under this lock: every other one is unused.
   const std::string active = makeContainerName(header.containerNumber[activeSlotOf(header)]);
   std::size_t removed = 0;
@@ -72,7 +74,13 @@ bool NamedStringArray::repair() {
   bool replaced = false;
   SharedMemory base = openBaseForWriting(&replaced);
   awaitInitialized(base);
-  PThreadRobustLockGuard guard(&headerOf(base).mutex);
+  std::optional<PThreadRobustLockGuard> guard = lockBase(headerOf(base));
+  if (!guard) {
+    base = openBaseForWriting(&replaced);
+    awaitInitialized(base);
+    guard = lockBase(headerOf(base));
+    if (!guard) return replaced;
+  }
   bool lost = false;
   SharedMemory container = openActiveContainer(base, lost);
   if (!needsRebuild(base, container, lost)) return replaced;

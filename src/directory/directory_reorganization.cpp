@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <set>
 #include <stdexcept>
 
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
+#include "directory/directory_rebuild.hpp"
 #include "directory/named_string_array.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -87,40 +87,23 @@ std::size_t NamedStringArray::rebuild(SharedMemory& base, SharedMemory& containe
   deleteInactiveContainer(base, container);
   NamedStringArrayBase& header = headerOf(base);
   const ContainerShape old = shapeOf(header, activeSlotOf(header));
-  // What can still be read, then what the recovery found, each entry once.
-  std::vector<Entry> entries;
-  std::set<Entry> seen;
-  if (covers(container, old)) {
-    const ContainerRows rows = rowsOf(container, old);
-    for (unsigned long row = 0; row < rows.rowCount(); ++row) {
-      if (rows.elementCount(row) == 0) continue;
-      if (recovery.wellFormedRow != nullptr && !recovery.wellFormedRow(rows, row)) continue;
-      Entry entry = rows.entryAt(row);
-      if (seen.insert(entry).second) entries.push_back(std::move(entry));
-    }
-  }
-  for (const Entry& entry : recovered) {
-    if ((excluded != nullptr && entry == *excluded) || !seen.insert(entry).second) continue;
-    entries.push_back(entry);
-  }
-  std::size_t width = requiredWidth;
-  for (const Entry& entry : entries) width = std::max(width, ContainerRows::requiredWidth(entry));
-  const std::optional<unsigned long> newCount = roundUp(entries.size() + (requiredWidth != 0 ? 1 : 0), rowIncrement);
-  const std::optional<unsigned long> newWidth = roundUp(width, widthIncrement);
-  (void)grownSize(newWidth, newCount, covers(container, old) ? *old.size : 0);
+  const bool readable = covers(container, old);
+  const std::optional<ContainerRows> oldRows =
+      readable ? std::optional<ContainerRows>(rowsOf(container, old)) : std::nullopt;
+  const std::optional<RebuildPlan> plan = planRebuild(oldRows ? &*oldRows : nullptr, recovery.wellFormedRow, recovered,
+                                                      excluded, requiredWidth, rowIncrement, widthIncrement);
+  (void)grownSize(plan ? std::optional<unsigned long>(plan->rowWidth) : std::nullopt,
+                  plan ? std::optional<unsigned long>(plan->rowCount) : std::nullopt, readable ? *old.size : 0);
 
-  SharedMemory fresh = makeNextContainer(header, *newWidth, *newCount);
+  SharedMemory fresh = makeNextContainer(header, plan->rowWidth, plan->rowCount);
   ContainerRows rows = rowsOf(fresh, shapeOf(header, activeSlotOf(header) ^ 1u));
-  for (unsigned long row = 0; row < entries.size(); ++row) {
-    if (!rows.writeStrings(row, entries[row])) continue;
-    rows.setCount(row, static_cast<unsigned char>(entries[row].size()));
-  }
+  writePlan(*plan, rows);
   switchTo(base, container, fresh);
-  if (!entries.empty()) {
+  if (!plan->entries.empty()) {
     logMessage(mainLogger(), RefusedRequest, "NamedStringArray::rebuild(): ", "Directory ", baseName, " rebuilt with ",
-               entries.size(), " entries.");
+               plan->entries.size(), " entries.");
   }
-  return entries.size();
+  return plan->entries.size();
 }
 
 SharedMemory NamedStringArray::makeNextContainer(NamedStringArrayBase& header, unsigned long width,

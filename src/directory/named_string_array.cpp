@@ -69,7 +69,12 @@ bool markInitializedWhileClaimed(NamedStringArrayBase& header, std::uint32_t sel
 bool looksDamaged(const NamedStringArrayBase& header) {
   const auto initialized = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.initialized)).load();
   const auto activeSlot = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.activeSlot)).load();
-  return initialized > 1 || activeSlot > 1 || !PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
+  if (initialized > 1 || activeSlot > 1) return true;
+  // The mutex is set up before `initialized` is set: once initialised, only
+  // the kind directories are made with will do (a zeroed one would be a
+  // mutex that nobody could ever take back from a dead holder).
+  return initialized == 1 ? !PThreadRobustLockGuard::hasOwnKind(&header.mutex)
+                          : !PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
 }
 
 NamedStringArray::NamedStringArray(const std::string& name, unsigned long, const std::string& trustee)
@@ -134,10 +139,18 @@ bool NamedStringArray::insertEntry(const Entry& entry, bool unlessPresent) {
   }
   const unsigned long requiredWidth = totalLength + entry.size() + 1;
 
+  // A base found damaged when it is locked (cut or overwritten since it was
+  // opened) is opened again, which replaces it.
   SharedMemory base = openBaseForWriting();
   awaitInitialized(base);
+  std::optional<PThreadRobustLockGuard> guard = lockBase(headerOf(base));
+  if (!guard) {
+    base = openBaseForWriting();
+    awaitInitialized(base);
+    guard = lockBase(headerOf(base));
+    if (!guard) failToOpenBase();
+  }
   NamedStringArrayBase& header = headerOf(base);
-  PThreadRobustLockGuard guard(&header.mutex);
   bool lost = false;
   SharedMemory container = openActiveContainer(base, lost);
   if (needsRebuild(base, container, lost)) {
@@ -206,6 +219,18 @@ void NamedStringArray::awaitInitialized(SharedMemory& base) {
   }
 }
 
+std::optional<PThreadRobustLockGuard> NamedStringArray::lockBase(NamedStringArrayBase& header) const {
+  const bool heals = recovery.entries != nullptr;
+  if (heals && looksDamaged(header)) return std::nullopt;
+  try {
+    return std::optional<PThreadRobustLockGuard>(std::in_place, &header.mutex);
+  } catch (const std::runtime_error&) {
+    // Refused for its kind: cut or overwritten since it was looked at.
+    if (heals && !PThreadRobustLockGuard::hasOwnKind(&header.mutex)) return std::nullopt;
+    throw;
+  }
+}
+
 SharedMemory NamedStringArray::openActiveContainer(SharedMemory& base, bool& lost) {
   const ContainerShape active = shapeOf(headerOf(base), activeSlotOf(headerOf(base)));
   lost = false;
@@ -233,12 +258,10 @@ void NamedStringArray::erase(const Entry& entry) {
   }
   NamedStringArrayBase& header = headerOf(base);
   if (!isInitialized(header)) return;
-  const bool damaged = recovery.entries != nullptr && looksDamaged(header);
-  std::optional<PThreadRobustLockGuard> guard;
-  if (!damaged) guard.emplace(&header.mutex);
+  const std::optional<PThreadRobustLockGuard> guard = lockBase(header);
   const ContainerShape shape = shapeOf(header, activeSlotOf(header));
   SharedMemory container;
-  if (shape.size && !damaged) {
+  if (shape.size && guard) {
     container = SharedMemory::find(makeContainerName(shape.number), *shape.size, trustee, implementationSpecifications);
   }
   if (!covers(container, shape)) {
@@ -263,8 +286,8 @@ std::vector<NamedStringArray::Entry> NamedStringArray::listEntries(const std::st
   NamedStringArrayBase& header = headerOf(base);
   if (!isInitialized(header)) return entries;
   // A damaged base is not locked: its mutex may be of any kind.
-  if (recovery.entries != nullptr && looksDamaged(header)) return entries;
-  PThreadRobustLockGuard guard(&header.mutex);
+  const std::optional<PThreadRobustLockGuard> guard = lockBase(header);
+  if (!guard) return entries;
   // A writer that died inside a reorganisation left the container it was
   // building; it goes with this listing rather than with the next write.
   if (header.containerNumber[activeSlotOf(header) ^ 1u] != 0) {

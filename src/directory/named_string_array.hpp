@@ -44,12 +44,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
+#include "concurrency/robust_lock_guard.hpp"
 #include "directory/directory_layout.hpp"
 
 namespace agent::spf::endpointregistry {
@@ -135,6 +137,10 @@ class NamedStringArray {
   SharedMemory openBaseForWriting(bool* replaced = nullptr);
   // Spins until the base is initialised (see initializeBase).
   void awaitInitialized(SharedMemory& base);
+  // The base's lock; nothing when, with a Recovery, the base is found
+  // damaged (before locking, or by a lock that fails for it). Other
+  // failures throw as the lock guard does.
+  std::optional<PThreadRobustLockGuard> lockBase(NamedStringArrayBase& header) const;
   // The active container, found or created, under the lock. `lost` tells
   // that it had to be created although the descriptor describes rows.
   SharedMemory openActiveContainer(SharedMemory& base, bool& lost);

@@ -37,10 +37,11 @@ Registry& registry() {
 
 void HeldRecords::add(Endpoint::Impl& record) {
   Registry& held = registry();
-  WorkThreadGuard primary;
-  if (held.records.empty()) primary = WorkThreadGuard::holdThread();  // outside the lock: it may start a thread
+  // Taken outside the lock (it may start the thread), kept if the registry
+  // has none, dropped after the lock otherwise.
+  WorkThreadGuard primary = WorkThreadGuard::holdThread();
   std::lock_guard<std::mutex> lock(held.mutex);
-  if (held.records.empty() && primary.queue()) held.primary = std::move(primary);
+  if (held.records.empty()) held.primary = std::move(primary);
   held.records.push_back(&record);
 }
 

@@ -1,7 +1,10 @@
 #include "healing/publication_healer.hpp"
 
+#include <chrono>
 #include <exception>
+#include <mutex>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
@@ -19,10 +22,36 @@ namespace {
 
 using Record = Endpoint::Impl;
 
+// At most one failure a second is logged, with the number of those left
+// unlogged before it: a process whose segments another keeps cutting must
+// not flood the log.
+constexpr auto logInterval = std::chrono::seconds(1);
+std::mutex logMutex;
+std::chrono::steady_clock::time_point lastLogged;
+unsigned long unlogged = 0;
+
+void logFailure(const std::string& text) noexcept {
+  try {
+    unsigned long skipped = 0;
+    {
+      std::lock_guard<std::mutex> lock(logMutex);
+      const auto now = std::chrono::steady_clock::now();
+      if (lastLogged != std::chrono::steady_clock::time_point{} && now - lastLogged < logInterval) {
+        ++unlogged;
+        return;
+      }
+      lastLogged = now;
+      skipped = std::exchange(unlogged, 0);
+    }
+    logMessage(mainLogger(), Error, "PublicationHealer: ", text, " (", skipped, " more failure(s) not logged before)");
+  } catch (...) {
+  }
+}
+
 void logFailure(const Record& record, const char* what, const std::exception& error) noexcept {
   try {
-    logMessage(mainLogger(), Error, "PublicationHealer: ", what, " ", record.recordNameText(), " (trustee \"",
-               record.getTrustee(), "\"): ", error.what());
+    logFailure(std::string(what) + " " + record.recordNameText() + " (trustee \"" + record.getTrustee() +
+               "\"): " + error.what());
   } catch (...) {
   }
 }
@@ -92,10 +121,7 @@ HealingOutcome healPublications(const std::set<std::string>& trustees, bool all,
     HeldRecords::withAll(
         [&](const std::vector<Record*>& records) { outcome = heal(records, trustees, all, logFailures); });
   } catch (const std::exception& error) {
-    try {
-      if (logFailures) logMessage(mainLogger(), Error, "PublicationHealer: ", error.what());
-    } catch (...) {
-    }
+    if (logFailures) logFailure(error.what());
     outcome.succeeded = false;
   } catch (...) {
     outcome.succeeded = false;

@@ -98,7 +98,8 @@ TEST_F(CliRawDirectoryTest, AbsurdDescriptorIsReported) {
   EXPECT_EQ(parsed["base"]["activeSlot"], 2);
   EXPECT_EQ(parsed["base"]["slots"][0]["rowCount"], std::uint64_t{1} << 33);
   EXPECT_EQ(parsed["problem"], "the active descriptor is out of bounds");
-  EXPECT_EQ(parsed["damage"], json::array({"activeSlot holds 2"}));
+  EXPECT_EQ(parsed["damage"],
+            json::array({"activeSlot holds 2", "the mutex is of kind 0, not the one a directory is made with"}));
   EXPECT_EQ(parsed["container"], json::parse(R"({"name": "qzEndpointRegistryv05", "found": false,
                                                  "usedRows": 0, "freeRows": 0})"));
   EXPECT_EQ(parsed["rows"], json::array());
@@ -120,7 +121,8 @@ TEST_F(CliRawDirectoryTest, ContainerShorterThanDescribedIsNotRead) {
   const json parsed = inspect();
   EXPECT_EQ(parsed["problem"], "the active container is missing or smaller than described");
   EXPECT_EQ(parsed["rows"], json::array());
-  expectListAndGcCope();
+  // The base (its mutex zero) is replaced, the short container left over.
+  expectListAndGcCope(gcLine(0, 0, 0, 1, 1));
 }
 
 TEST_F(CliRawDirectoryTest, UninitialisedBaseIsReported) {
@@ -146,7 +148,8 @@ TEST_F(CliRawDirectoryTest, GarbageRowsAreReadWithinTheirBounds) {
 
   const json parsed = inspect();
   EXPECT_EQ(parsed["problem"], nullptr);
-  EXPECT_EQ(parsed["damage"], json::array({"2 used row(s) hold no record name"}));
+  EXPECT_EQ(parsed["damage"], json::array({"the mutex is of kind 0, not the one a directory is made with",
+                                           "2 used row(s) hold no record name"}));
   EXPECT_EQ(parsed["container"], json::parse(R"({"name": "qzEndpointRegistryv09", "found": true,
                                                  "usedRows": 3, "freeRows": 1})"));
   EXPECT_EQ(parsed["rows"], json::parse(R"([
@@ -156,8 +159,8 @@ TEST_F(CliRawDirectoryTest, GarbageRowsAreReadWithinTheirBounds) {
   ])"));
   const ToolRun text = runTool({"inspect"}, user->identity());
   EXPECT_EQ(text.out.find('\xff'), std::string::npos);
-  // The record name without a segment is erased by gc, and only it.
-  expectListAndGcCope(gcLine(0, 0, 1, 0, 1));
+  // The base (its mutex zero) is replaced, its container left over.
+  expectListAndGcCope(gcLine(0, 0, 0, 1, 1));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
@@ -13,6 +14,9 @@
 namespace er::test {
 
 ChildProcess::ChildProcess(Body body) {
+  // A line to a child that has died fails instead of ending the test.
+  static const bool pipeSignalIgnored = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+  (void)pipeSignalIgnored;
   int down[2];
   int up[2];
   if (pipe2(down, O_CLOEXEC) != 0 || pipe2(up, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -20,6 +24,8 @@ ChildProcess::ChildProcess(Body body) {
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    // A test that dies leaves no child behind (one blocked on a lock, say).
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     close(down[1]);
     close(up[0]);
     fromParent_ = down[0];
@@ -76,7 +82,8 @@ std::optional<std::string> ChildProcess::readLine(int fd, std::string& buffer, s
       return line;
     }
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
+    // A time-out of 0 still takes a line that is there already.
+    if (left.count() < 0) return std::nullopt;
     pollfd pfd{fd, POLLIN, 0};
     int r = poll(&pfd, 1, static_cast<int>(left.count()));
     if (r < 0 && errno == EINTR) continue;

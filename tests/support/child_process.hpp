@@ -15,7 +15,8 @@ class ChildProcess {
   using Body = std::function<int(ChildProcess&)>;
 
   // Forks; the child runs `body` and leaves with _exit(its return value). An
-  // exception escaping `body` ends the child with code 101.
+  // exception escaping `body` ends the child with code 101. The child is
+  // killed (SIGKILL) if the thread that made it ends first.
   explicit ChildProcess(Body body);
   // Kills (SIGKILL) and reaps the child if it is still running.
   ~ChildProcess();

@@ -2,8 +2,10 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -53,6 +55,9 @@ bool becomeUser(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
   if (setgroups(groups.size(), groups.data()) != 0) return false;
   if (setgid(gid) != 0) return false;
   if (setuid(uid) != 0) return false;
+  // A change of identity drops the signal that a child gets when its parent
+  // dies (child_process.hpp); it is asked for again.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   return geteuid() == uid;
 }
 
