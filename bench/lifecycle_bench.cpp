@@ -5,18 +5,28 @@
 //   on its own);
 // - the time from SIGKILL of a publisher to the first listing that no
 //   longer shows its endpoint, against its floor: SIGKILL of a child to its
-//   reaping.
+//   reaping;
+// - healing: three publishers' record segments removed, and this user's
+//   whole scope folder removed (rm -rf, which the publishers race), each
+//   until a listing shows all three endpoints again, with no call from the
+//   publishers. (The second removes the running user's scope folder; every
+//   live publication of the user is made again within milliseconds.)
 //
 // This program is its own helper: started as
 //   lifecycle_bench --report                 it reports and ends;
 //   lifecycle_bench --publish-one TAG        it publishes, reports and ends.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <endpointregistry/endpoint.hpp>
+
+#include "directory/segment_names.hpp"
 
 #include "bench_processes.hpp"
 #include "bench_support.hpp"
@@ -77,11 +87,69 @@ void killToGone(benchmark::State& state) {
   state.counters["listings"] = static_cast<double>(listings) / static_cast<double>(samples.size());
 }
 
+// Three children that publish ("healed", i) under `tag` and hold it.
+std::vector<std::unique_ptr<erbench::ChildHolding>> threePublishers(const std::string& tag) {
+  std::vector<std::unique_ptr<erbench::ChildHolding>> publishers;
+  for (int i = 0; i < 3; ++i) {
+    publishers.push_back(std::make_unique<erbench::ChildHolding>([&tag, i] {
+      auto endpoint = std::make_shared<Endpoint>(Endpoint::publish("healed", std::to_string(i), tag));
+      return [endpoint] {};
+    }));
+  }
+  return publishers;
+}
+
+// Each iteration removes what `remove` removes, then lists until the three
+// endpoints are listed again; only that wait is timed.
+template <class Remove>
+void removedToListedAgain(benchmark::State& state, const std::string& stem, const Remove& remove) {
+  const std::string tag = erbench::uniqueName(stem);
+  const auto publishers = threePublishers(tag);
+  Samples samples;
+  long listings = 0;
+  for (auto _ : state) {
+    if (Endpoint::filterFromLocal(tag).size() != 3) {
+      state.SkipWithError("the publishers' endpoints are not listed");
+      break;
+    }
+    remove(tag);
+    samples.time(state, [&] {
+      do {
+        ++listings;
+      } while (Endpoint::filterFromLocal(tag).size() != 3);
+    });
+  }
+  samples.report(state);
+  state.counters["listings"] = static_cast<double>(listings) / static_cast<double>(samples.size());
+}
+
+std::string ownScopeFolder() { return "/dev/shm/u" + std::to_string(geteuid()); }
+
+void recordsRemovedToListedAgain(benchmark::State& state) {
+  removedToListedAgain(state, "erBenchHealRecords", [](const std::string& tag) {
+    const std::string prefix = agent::spf::endpointregistry::groupPrefix(tag);
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(ownScopeFolder(), ignored)) {
+      if (entry.path().filename().string().rfind(prefix, 0) == 0) std::filesystem::remove(entry.path(), ignored);
+    }
+  });
+}
+
+void folderRemovedToListedAgain(benchmark::State& state) {
+  removedToListedAgain(state, "erBenchHealFolder", [](const std::string&) {
+    // As rm -rf: the healers may refill the folder before its last rmdir.
+    std::error_code ignored;
+    std::filesystem::remove_all(ownScopeFolder(), ignored);
+  });
+}
+
 void registerFigures(const Plan& plan) {
   erbench::figure("floor/process start", erbench::timeBareStart, plan.iterations(200));
   erbench::figure("new process publishes one", newProcessPublishes, plan.iterations(200));
   erbench::figure("floor/SIGKILL to reaped", killToReaped, plan.iterations(200));
   erbench::figure("SIGKILL to gone from listing", killToGone, plan.iterations(200));
+  erbench::figure("healing/record segments removed", recordsRemovedToListedAgain, plan.iterations(100));
+  erbench::figure("healing/scope folder removed", folderRemovedToListedAgain, plan.iterations(100));
 }
 
 // The helper modes; false when `argv` asks for none.

@@ -93,6 +93,8 @@ def rows():
          "bus/new process owns a name"),
         ("SIGKILL of a publisher to gone from listing", "SIGKILL to gone from listing", const(KILL),
          "bus/SIGKILL to name gone"),
+        ("record segments of 3 publishers removed to listed again", "healing/record segments removed", None, None),
+        ("scope folder removed (rm -rf) to listed again", "healing/scope folder removed", None, None),
         ("hand-off to the work thread, back to back", "hand-off/held, back to back", const(HANDOFF), None),
         ("hand-off to the work thread, worker asleep", "hand-off/held, worker asleep", const(HANDOFF), None),
         ("hand-off with no guard held (start+join)", "hand-off/unheld, start+join",
@@ -182,6 +184,10 @@ def targets(figures):
             expected = first["median_ns"] + growth
             check(f"publication at N={n} ≤ 1.15× (publication at N=10 + growth of its directory work)",
                   entry["median_ns"] / expected, 1.15)
+    for name in ("healing/record segments removed", "healing/scope folder removed"):
+        healed = median(figures, name)
+        if healed:
+            check(f"{name[len('healing/'):]}: listed again within 50 ms (ms)", healed / 1e6, 50)
     return checks
 
 
