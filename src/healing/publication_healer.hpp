@@ -18,8 +18,8 @@
 namespace agent::spf::endpointregistry::healing {
 
 struct HealingOutcome {
-  bool succeeded = true;                    // nothing failed; else worth another try
-  std::set<std::string> directoriesSeen;    // the trustees whose records were looked at
+  bool succeeded = true;                  // nothing failed; else worth another try
+  std::set<std::string> directoriesSeen;  // the trustees whose records were looked at
 };
 
 // Looks at the records of `trustees` (all when `all` is set) and heals what
