@@ -2,7 +2,7 @@
 // clearing anything away: unlike a listing, this never reclaims a stale
 // record, never marks a segment for deletion and never erases a name.
 //
-// Classifying a record is the library's own probe (Endpoint::Impl::getState):
+// Classifying a record is the library's own probe (RecordReader::inspect):
 // when the record's flag is set it try-locks the record's mutex and, if it
 // got it, unlocks it at once (after marking it consistent when its owner had
 // died). That leaves the record's state, and what a later listing decides,

@@ -4,15 +4,15 @@
 #include <endpointregistry/endpoint.hpp>
 
 #include <exception>
-#include <optional>
 #include <unordered_set>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "concurrency/work_queue.hpp"
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
 #include "endpoint/endpoint_impl.hpp"
+#include "endpoint/registry_operation.hpp"
+#include "record/record_reader.hpp"
 
 namespace agent::spf::endpointregistry {
 
@@ -30,19 +30,19 @@ namespace {
 // once its publisher holds it no longer. Housekeeping only: nothing found
 // here enters the result, and a segment that cannot be judged is skipped.
 // Costs one pass over the scope folder; normally no segment is left to open.
-void sweepUnlistedRecords(const std::string& groupTag, const std::string& trustee,
-                          const std::vector<std::string>& listed, RecordReadSession& session) {
-  const std::vector<std::string> segments = agent::spf::sharedmemory::listSegmentNames(trustee, groupPrefix(groupTag));
+void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::string>& listed, RecordReader& reader) {
+  std::vector<std::string> segments =
+      agent::spf::sharedmemory::listSegmentNames(reader.trustee(), groupPrefix(groupTag));
   if (segments.empty()) return;
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
-  for (const std::string& name : segments) {
-    if (named.count(name) != 0) continue;
+  for (std::string& text : segments) {
+    if (named.count(text) != 0) continue;
     try {
       // A segment too short to be read goes once its publisher holds it no
       // longer; any other is judged as a record.
-      const RecordRead read = Endpoint::Impl::readRecord(name, trustee, session, RecordJudgement::Listing);
-      if (read.finding == RecordRead::Unreadable && recordFormat(name) == 0)
-        (void)removeUnreadableRecord(name, trustee);
+      const RecordName name(std::move(text));
+      const RecordRead read = reader.read(name);
+      if (read.finding == RecordRead::Unreadable && name.format() == 0) (void)reader.removeUnreadable(name);
     } catch (const std::exception&) {
       // Left for the next listing; this one's result does not depend on it.
     }
@@ -53,25 +53,21 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::string& truste
 
 DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
   if (trustees.empty()) return {};
-  // One work thread for all the directories read here, started (if the
-  // process holds no endpoint) and joined once: right after the last
-  // directory is read, while the thread is still awake, since reading the
-  // records needs no thread.
-  std::optional<WorkThreadHold> workThread(std::in_place);
-  // Each scope folder is checked once for all the segment calls made here.
-  const agent::spf::sharedmemory::FolderTrust oneCheck;
+  RegistryOperation operation;
   // The set de-duplicates (one endpoint under several trustees) and sorts.
   std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {
     const std::vector<std::string> names = Impl::filterNames(groupTag, trustee);
-    if (trustee == *trustees.rbegin()) workThread.reset();
-    RecordReadSession session(trustee);
+    // Reading the records needs no work thread: it goes right after the
+    // last directory is read, while it is still awake.
+    if (trustee == *trustees.rbegin()) operation.releaseWorkThread();
+    RecordReader& reader = operation.records(trustee);
     for (const std::string& name : names) {
-      auto pair = Impl::getDataPair(name, trustee, session);
-      if (pair.first.empty() && pair.second.empty()) continue;
-      pairs.insert(std::move(pair));
+      RecordRead read = reader.read(RecordName(name));
+      if (read.data.first.empty() && read.data.second.empty()) continue;
+      pairs.insert(std::move(read.data));
     }
-    sweepUnlistedRecords(groupTag, trustee, names, session);
+    sweepUnlistedRecords(groupTag, names, reader);
   }
   DataPairs result;
   result.reserve(pairs.size());

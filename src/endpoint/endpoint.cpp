@@ -3,11 +3,9 @@
 
 #include <utility>
 
-#include <agent/spf/sharedmemory/shared_memory.hpp>
-
-#include "concurrency/work_queue.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "endpoint/endpoint_impl.hpp"
+#include "endpoint/registry_operation.hpp"
 
 namespace agent::spf::endpointregistry {
 
@@ -28,9 +26,7 @@ Endpoint::Endpoint(const std::pair<std::string, std::string>& data, const std::s
 
   // The counts and the record's locks share one work thread, which the
   // record then keeps; without this each count would start and join one.
-  const WorkThreadHold workThread;
-  // The scope folder is checked once for all the segment calls made here.
-  const agent::spf::sharedmemory::FolderTrust oneCheck;
+  const RegistryOperation operation;
 
   // Optimistic duplicate detection: count, publish, count again. A second
   // record seen after publishing was published at the same moment by
@@ -72,7 +68,7 @@ Endpoint& Endpoint::operator=(Endpoint&& other) {
 }
 
 Endpoint::~Endpoint() {
-  const agent::spf::sharedmemory::FolderTrust oneCheck;
+  const RegistryOperation operation(RegistryOperation::WorkThread::NotHeld);
   if (ownRecord && lifetimeLevelEnabled(LifetimeTrace)) {
     logMessage(lifetimeLogger(), LifetimeTrace, "Endpoint: Destructing ", ownRecord->getGroupTag());
   }

@@ -9,8 +9,8 @@
 #include "diagnostics/diagnostics.hpp"
 #include "directory/segment_names.hpp"
 #include "endpoint/endpoint_impl.hpp"
-#include "endpoint/record_bytes.hpp"
 #include "healing/publication_watch.hpp"
+#include "record/record_layout.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -19,8 +19,6 @@ using agent::spf::sharedmemory::MappedAccess;
 using agent::spf::sharedmemory::repairedFaults;
 using agent::spf::sharedmemory::SegmentClaim;
 using agent::spf::sharedmemory::SharedMemory;
-using recordbytes::headerOf;
-using recordbytes::livenessFlagOf;
 
 // Segments whose bytes were damaged while this process held them: never
 // unmapped, since the work thread that held their locks may still reach
@@ -80,14 +78,8 @@ void Endpoint::Impl::republish(bool oldIntact) {
   if (!fresh.isAttached()) {
     throw std::runtime_error("System error: Endpoint::republish: " + name + " could not be created again");
   }
-  const std::string joined = data.first + data.second;
-  std::memcpy(recordbytes::dataOf(fresh), joined.data(), std::min<std::size_t>(joined.size(), dataLength));
-  headerOf(fresh).firstLength = data.first.size();
-  PThreadRobustLockGuard::initializeMutex(&headerOf(fresh).livenessMutex);
-  PThreadRobustLockGuard lock(&headerOf(fresh).livenessMutex, LockTerm::Lasting);
-  lock.setDestroyOnRelease();
-  livenessFlagOf(fresh).exchange(1);
-  fresh.endCreation();
+  storeRecordData(fresh, data, dataLength);
+  PThreadRobustLockGuard lock = lockAsLive(fresh);
 
   std::swap(sharedMemory, fresh);
   std::swap(livenessLock, lock);

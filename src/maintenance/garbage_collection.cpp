@@ -6,11 +6,11 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "concurrency/work_queue.hpp"
 #include "directory/directory_entry.hpp"
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
-#include "endpoint/endpoint_impl.hpp"
+#include "endpoint/registry_operation.hpp"
+#include "record/record_reader.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -18,21 +18,20 @@ namespace {
 // Reads a record as maintenance judges it and clears it away if stale, or
 // if it is too short to be read and its publisher holds it no longer (its
 // name, if it has one, goes too). Returns what was found.
-RecordRead::Finding collect(const std::string& name, const std::string& trustee, RecordReadSession& session,
-                            bool named) {
-  const RecordRead read = Endpoint::Impl::readRecord(name, trustee, session, RecordJudgement::Maintenance);
-  if (read.finding != RecordRead::Unreadable || recordFormat(name) != 0) return read.finding;
-  if (!removeUnreadableRecord(name, trustee)) return read.finding;
-  if (named) eraseDirectoryName(name, trustee);
+RecordRead::Finding collect(std::string text, RecordReader& reader, bool named) {
+  const RecordName name(std::move(text));
+  const RecordRead read = reader.read(name, RecordJudgement::Maintenance);
+  if (read.finding != RecordRead::Unreadable || name.format() != 0) return read.finding;
+  if (!reader.removeUnreadable(name)) return read.finding;
+  if (named) eraseDirectoryName(name.text(), reader.trustee());
   return RecordRead::Reclaimed;
 }
 
-void collectIn(const std::string& trustee, GarbageReport& report) {
-  RecordReadSession session(trustee);
+void collectIn(const std::string& trustee, RecordReader& reader, GarbageReport& report) {
   if (repairDirectory(trustee)) ++report.rebuiltDirectories;
   // Named records first: clearing a stale one also erases its name.
-  for (const std::string& name : listDirectoryNames(recordPrefix, trustee)) {
-    if (collect(name, trustee, session, true) == RecordRead::Reclaimed) ++report.staleRecords;
+  for (std::string& name : listDirectoryNames(recordPrefix, trustee)) {
+    if (collect(std::move(name), reader, true) == RecordRead::Reclaimed) ++report.staleRecords;
   }
   report.danglingNames += eraseDanglingNames(trustee);
   // Then the segments that no name leads to. A publication under way names
@@ -41,14 +40,15 @@ void collectIn(const std::string& trustee, GarbageReport& report) {
   // publisher's own naming then finds done.
   const std::vector<std::string> listed = listDirectoryNames(recordPrefix, trustee);
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
-  for (const std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, recordPrefix)) {
+  for (std::string& name : agent::spf::sharedmemory::listSegmentNames(trustee, recordPrefix)) {
     if (named.count(name) != 0) continue;
-    switch (collect(name, trustee, session, false)) {
+    const std::string text = name;
+    switch (collect(std::move(name), reader, false)) {
       case RecordRead::Reclaimed:
         ++report.unnamedSegments;
         break;
       case RecordRead::Live:
-        if (nameAgain(name, trustee)) ++report.restoredNames;
+        if (nameAgain(text, trustee)) ++report.restoredNames;
         break;
       default:
         break;
@@ -62,9 +62,8 @@ void collectIn(const std::string& trustee, GarbageReport& report) {
 GarbageReport collectGarbage(std::set<std::string> trustees) {
   GarbageReport report;
   if (trustees.empty()) return report;
-  const WorkThreadHold workThread;
-  const agent::spf::sharedmemory::FolderTrust oneCheck;
-  for (const std::string& trustee : trustees) collectIn(trustee, report);
+  RegistryOperation operation;
+  for (const std::string& trustee : trustees) collectIn(trustee, operation.records(trustee), report);
   return report;
 }
 

@@ -13,6 +13,7 @@
 #include "directory/named_string_array.hpp"
 #include "directory/segment_names.hpp"
 #include "endpoint/endpoint_impl.hpp"
+#include "record/record_layout.hpp"
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 #include "support/registry_cleanup.hpp"
