@@ -6,8 +6,9 @@
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
+#include "directory/directory_entry.hpp"
+#include "directory/directory_layout.hpp"
 #include "directory/named_string_array.hpp"
 #include "directory/segment_names.hpp"
 
@@ -20,19 +21,13 @@ constexpr int copyAttempts = 5;
 
 constexpr SharedMemory::ImplementationSpecifications defaultSpecification{};
 
-// rowCount x rowWidth + 9, or nothing when the descriptor is absurd.
-std::optional<std::size_t> containerBytes(const RawSlot& slot) {
-  return checkedContainerSize(slot.rowWidth, slot.rowCount);
-}
-
-// What in a base no writer writes.
+// What in a base no writer writes, in words.
 std::vector<std::string> baseDamage(const NamedStringArrayBase& header) {
+  const BaseDamage found = damageOf(header);
   std::vector<std::string> damage;
-  if (header.initialized > 1) damage.push_back("initialized holds " + std::to_string(header.initialized));
-  if (header.activeSlot > 1) damage.push_back("activeSlot holds " + std::to_string(header.activeSlot));
-  const bool kindFits = header.initialized == 1 ? PThreadRobustLockGuard::hasOwnKind(&header.mutex)
-                                                : PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
-  if (!kindFits) {
+  if (found.initializedOutOfRange) damage.push_back("initialized holds " + std::to_string(header.initialized));
+  if (found.activeSlotOutOfRange) damage.push_back("activeSlot holds " + std::to_string(header.activeSlot));
+  if (found.mutexOfForeignKind) {
     damage.push_back("the mutex is of kind " + std::to_string(header.mutex.__data.__kind) +
                      ", not the one a directory is made with");
   }
@@ -58,32 +53,20 @@ bool sameDescriptor(const RawDirectory& a, const RawDirectory& b) {
          x.containerNumber == y.containerNumber;
 }
 
-// The strings of one row, read the way the library reads them: from byte 1,
-// each up to its zero byte or the row's end, at most `count` of them.
-std::vector<std::string> rowStrings(const unsigned char* row, std::size_t width, unsigned count) {
-  std::vector<std::string> strings;
-  std::size_t start = 1;
-  for (unsigned k = 0; k < count && start < width; ++k) {
-    const void* zero = std::memchr(row + start, 0, width - start);
-    const std::size_t end =
-        zero == nullptr ? width : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - row);
-    strings.emplace_back(reinterpret_cast<const char*>(row + start), end - start);
-    start = end + 1;
-  }
-  return strings;
-}
-
-void parseRows(const std::vector<unsigned char>& bytes, const RawSlot& slot, RawDirectory& directory) {
-  for (std::uint64_t i = 0; i < slot.rowCount; ++i) {
-    const unsigned char* row = bytes.data() + NamedStringArray::containerHeaderSize + i * slot.rowWidth;
-    const auto countByte = static_cast<signed char>(row[0]);
-    if (countByte == 0) {
+// The used rows of a copied container, read the way the library reads them;
+// returns how many of them are not well formed.
+std::size_t parseRows(std::vector<unsigned char>& bytes, const ContainerShape& shape, RawDirectory& directory) {
+  const ContainerRows rows = rowsOf(bytes.data(), shape);
+  std::size_t malformed = 0;
+  for (unsigned long i = 0; i < rows.rowCount(); ++i) {
+    if (rows.elementCount(i) == 0) {
       ++directory.freeRows;
       continue;
     }
-    const unsigned count = countByte < 0 ? 1u : static_cast<unsigned>(countByte);
-    directory.rows.push_back({static_cast<unsigned long>(i), countByte, rowStrings(row, slot.rowWidth, count)});
+    directory.rows.push_back({i, rows.countByte(i), rows.entryAt(i)});
+    if (!wellFormedRecordRow(rows, i)) ++malformed;
   }
+  return malformed;
 }
 
 }  // namespace
@@ -119,8 +102,10 @@ RawDirectory readRawDirectory(const std::string& trustee) {
       return directory;
     }
     const RawSlot slot = directory.slots[directory.activeSlot()];
+    const ContainerShape shape{slot.containerNumber, slot.rowCount, slot.rowWidth,
+                               checkedContainerSize(slot.rowWidth, slot.rowCount)};
     directory.containerName = array.makeContainerName(slot.containerNumber);
-    const std::optional<std::size_t> size = containerBytes(slot);
+    const std::optional<std::size_t> size = shape.size;
     if (!size) {
       directory.problem = "the active descriptor is out of bounds";
       return directory;
@@ -131,14 +116,8 @@ RawDirectory readRawDirectory(const std::string& trustee) {
     } else {
       directory.containerFound = true;
       const auto* start = static_cast<const unsigned char*>(container.getPointer());
-      const std::vector<unsigned char> bytes(start, start + *size);
-      parseRows(bytes, slot, directory);
-      std::size_t malformed = 0;
-      for (const RawRow& row : directory.rows) {
-        if (row.countByte != 1 || row.strings.size() != 1 || row.strings.front().rfind(recordPrefix, 0) != 0) {
-          ++malformed;
-        }
-      }
+      std::vector<unsigned char> bytes(start, start + *size);
+      const std::size_t malformed = parseRows(bytes, shape, directory);
       if (malformed != 0) directory.damage.push_back(std::to_string(malformed) + " used row(s) hold no record name");
     }
     RawDirectory after;

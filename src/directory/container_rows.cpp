@@ -43,7 +43,7 @@ unsigned countOf(const unsigned char* row) {
 }  // namespace
 
 std::optional<std::size_t> checkedContainerSize(unsigned long rowWidth, unsigned long rowCount) {
-  constexpr std::size_t frame = ContainerRows::headerBytes + ContainerRows::trailerBytes;
+  constexpr std::size_t frame = ContainerRows::frameBytes;
   if (rowCount == 0) return frame;
   if (rowWidth == 0) return std::nullopt;
   // Whatever is mapped must also fit a signed file offset.

@@ -44,6 +44,7 @@ class ContainerRows {
   // Container bytes around the rows: unused bytes before and after them.
   static constexpr std::size_t headerBytes = 8;
   static constexpr std::size_t trailerBytes = 1;
+  static constexpr std::size_t frameBytes = headerBytes + trailerBytes;
 
   // What a rebuild must keep: the number of used rows and the most bytes any
   // of them needs (see usedLength()).
@@ -63,6 +64,8 @@ class ContainerRows {
   // The element count of row `index`: 0 for a free row, a negative count
   // byte reads as 1.
   unsigned elementCount(unsigned long index) const noexcept;
+  // The count byte of row `index` as it is stored, a signed byte.
+  int countByte(unsigned long index) const noexcept { return static_cast<signed char>(*row(index)); }
 
   // The entries of the used rows whose first string begins with `prefix`
   // (an empty prefix matches all), in row order. An entry holds the row's

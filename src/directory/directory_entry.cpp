@@ -10,13 +10,12 @@
 #include "directory/segment_names.hpp"
 
 namespace agent::spf::endpointregistry {
-namespace {
-
-// A used row of a registry directory holds one record name.
-bool wellFormedRecordRow(const ContainerRows& rows, unsigned long row) {
+bool wellFormedRecordRow(const ContainerRows& rows, unsigned long row) noexcept {
   static const std::string prefix = recordPrefix;
   return rows.elementCount(row) == 1 && rows.firstStringIsWhole(row, prefix);
 }
+
+namespace {
 
 NamedStringArray registryDirectory(const std::string& trustee) {
   NamedStringArray directory(registryDirectoryName, 0, trustee);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "directory/container_rows.hpp"
+
 namespace agent::spf::endpointregistry {
 
 // The presence of one name in one trustee's directory: inserted on
@@ -36,6 +38,10 @@ class DirectoryEntry {
   std::string trustee;
   pid_t ownerPid;
 };
+
+// True when used row `row` of a registry directory's container is well
+// formed: one string, beginning with "qzER" and ending inside the row.
+bool wellFormedRecordRow(const ContainerRows& rows, unsigned long row) noexcept;
 
 // The names of the live records in the trustee's scope folder, each as a
 // one-string entry: what a lost or damaged directory is rebuilt from. Reads

@@ -67,10 +67,17 @@ inline bool isInitialized(NamedStringArrayBase& header) {
   return std::atomic_ref<std::uint8_t>(header.initialized).load() == 1;
 }
 
-// A base holding what no writer writes: `initialized` or `activeSlot`
-// beyond 1, or a mutex not of the kind directories are made with (zero is
-// allowed only before initialisation).
-bool looksDamaged(const NamedStringArrayBase& header);
+// What in a base no writer writes: `initialized` or `activeSlot` beyond 1,
+// or a mutex not of the kind directories are made with (zero is allowed only
+// before initialisation).
+struct BaseDamage {
+  bool initializedOutOfRange = false;
+  bool activeSlotOutOfRange = false;
+  bool mutexOfForeignKind = false;
+  bool any() const noexcept { return initializedOutOfRange || activeSlotOutOfRange || mutexOfForeignKind; }
+};
+BaseDamage damageOf(const NamedStringArrayBase& header) noexcept;
+inline bool looksDamaged(const NamedStringArrayBase& header) noexcept { return damageOf(header).any(); }
 
 // The container that one descriptor slot describes.
 struct ContainerShape {
@@ -91,10 +98,13 @@ inline bool covers(const agent::spf::sharedmemory::SharedMemory& container, cons
   return shape.size && container.isAttached() && container.getSize() >= *shape.size;
 }
 
-// The rows of a container that covers() its shape.
+// The rows of container bytes that hold all of `shape` (a mapped container
+// that covers() it, or a copy of one).
+inline ContainerRows rowsOf(unsigned char* containerBytes, const ContainerShape& shape) {
+  return ContainerRows(containerBytes + ContainerRows::headerBytes, shape.rowCount, shape.rowWidth);
+}
 inline ContainerRows rowsOf(agent::spf::sharedmemory::SharedMemory& container, const ContainerShape& shape) {
-  return ContainerRows(static_cast<unsigned char*>(container.getPointer()) + ContainerRows::headerBytes, shape.rowCount,
-                       shape.rowWidth);
+  return rowsOf(static_cast<unsigned char*>(container.getPointer()), shape);
 }
 
 // Removes the trustee's segment `name` whatever its size; false when it

@@ -9,6 +9,7 @@
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
+#include "concurrency/process_probe.hpp"
 #include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
@@ -66,15 +67,18 @@ bool markInitializedWhileClaimed(NamedStringArrayBase& header, std::uint32_t sel
 
 }  // namespace
 
-bool looksDamaged(const NamedStringArrayBase& header) {
+BaseDamage damageOf(const NamedStringArrayBase& header) noexcept {
   const auto initialized = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.initialized)).load();
   const auto activeSlot = std::atomic_ref<std::uint8_t>(const_cast<std::uint8_t&>(header.activeSlot)).load();
-  if (initialized > 1 || activeSlot > 1) return true;
+  BaseDamage damage;
+  damage.initializedOutOfRange = initialized > 1;
+  damage.activeSlotOutOfRange = activeSlot > 1;
   // The mutex is set up before `initialized` is set: once initialised, only
   // the kind directories are made with will do (a zeroed one would be a
   // mutex that nobody could ever take back from a dead holder).
-  return initialized == 1 ? !PThreadRobustLockGuard::hasOwnKind(&header.mutex)
-                          : !PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
+  damage.mutexOfForeignKind = initialized == 1 ? !PThreadRobustLockGuard::hasOwnKind(&header.mutex)
+                                               : !PThreadRobustLockGuard::hasUnsetOrOwnKind(&header.mutex);
+  return damage;
 }
 
 NamedStringArray::NamedStringArray(const std::string& name, unsigned long, const std::string& trustee)
@@ -88,7 +92,7 @@ std::string NamedStringArray::makeBaseName(const std::string& name, unsigned lon
 std::string NamedStringArray::makeContainerName(unsigned long number) const { return containerName(baseName, number); }
 
 unsigned long NamedStringArray::containerSize(unsigned long rowWidth, unsigned long rowCount) {
-  return rowWidth * rowCount + ContainerRows::headerBytes + ContainerRows::trailerBytes;
+  return rowWidth * rowCount + ContainerRows::frameBytes;
 }
 
 void NamedStringArray::insert(const std::string& element) { insert(Entry{element}); }
@@ -104,7 +108,7 @@ bool NamedStringArray::initializeBase(SharedMemory& base) {
   std::uint32_t claimer = 0;
   if (!initializerPid.compare_exchange_strong(claimer, self)) {
     if (isInitialized(header)) return true;
-    if (getpgid(static_cast<pid_t>(claimer)) == -1) initializerPid.exchange(0);
+    if (!processExists(claimer)) initializerPid.exchange(0);
     return false;
   }
   ER_TEST_HOOK("directory.initialize.claimed");
