@@ -7,11 +7,16 @@ its ratio to its floor (what the same work costs at the least, measured in
 the same run) and its ratio to its counterpart on the system bus. The
 targets are checked and listed under the table.
 
-Usage: report.py --out results.json [--machine KEY=VALUE ...] [--smoke] FILE.json ...
+With --markdown PATH it also writes the same figures as a Markdown page:
+the method, the machine, the tables and the targets (scripts/bench writes
+docs/performance.md this way).
+
+Usage: report.py --out results.json [--markdown PAGE.md] [--machine KEY=VALUE ...] [--smoke] FILE.json ...
 Exit status: 1 when a benchmark failed or a figure is missing, else 0.
 """
 import argparse
 import json
+import os
 import re
 import sys
 
@@ -191,30 +196,56 @@ def targets(figures):
     return checks
 
 
-def render(results, checks, machine):
+def figure_table(results):
     lines = ["| Figure | median | p99 | × floor | × bus | per record |", "|---|---:|---:|---:|---:|---:|"]
     for r in results:
         lines.append(f"| {r['figure']} | {show_time(r['median_ns'])} | {show_time(r['p99_ns'])} | "
                      f"{show_ratio(r['ratio_floor'])} | {show_ratio(r['ratio_bus'])} | "
                      f"{show_time(r['per_record_ns'])} |")
-    curve = [r for r in results if r["name"].startswith("publish+withdraw/own:")]
+    return lines
+
+
+def curve_table(curve):
+    lines = ["| N | publish+withdraw | its directory work | the rest | set-up per endpoint |",
+             "|---:|---:|---:|---:|---:|"]
+    for r in curve:
+        c = r["counters"]
+        lines.append(f"| {int(c.get('live', 0))} | {show_time(r['median_ns'])} | "
+                     f"{show_time(c.get('dir_median_ns'))} | "
+                     f"{show_time(r['median_ns'] - c.get('dir_median_ns', 0))} | "
+                     f"{show_time(c.get('setup_per_endpoint_ns'))} |")
+    return lines
+
+
+def held_table(held):
+    lines = ["| N | no guard held | guard held |", "|---:|---:|---:|"]
+    for r in held:
+        lines.append(f"| {int(r['items'])} | {show_time(r['median_ns'])} | "
+                     f"{show_time(r['counters']['held_median_ns'])} |")
+    return lines
+
+
+def curve_of(results):
+    return [r for r in results if r["name"].startswith("publish+withdraw/own:")]
+
+
+def held_of(results):
+    return [r for r in results if "held_median_ns" in r["counters"]]
+
+
+CURVE_TITLE = "Publication curve (this process holding N endpoints):"
+HELD_TITLE = ("Listing by a process that holds no endpoint, against the same listing with the work "
+              "thread kept alive:")
+
+
+def render(results, checks, machine):
+    lines = figure_table(results)
+    curve = curve_of(results)
     if curve:
-        lines += ["", "Publication curve (this process holding N endpoints):", "",
-                  "| N | publish+withdraw | its directory work | the rest | set-up per endpoint |",
-                  "|---:|---:|---:|---:|---:|"]
-        for r in curve:
-            c = r["counters"]
-            lines.append(f"| {int(c.get('live', 0))} | {show_time(r['median_ns'])} | "
-                         f"{show_time(c.get('dir_median_ns'))} | "
-                         f"{show_time(r['median_ns'] - c.get('dir_median_ns', 0))} | "
-                         f"{show_time(c.get('setup_per_endpoint_ns'))} |")
-    held = [r for r in results if "held_median_ns" in r["counters"]]
+        lines += ["", CURVE_TITLE, ""] + curve_table(curve)
+    held = held_of(results)
     if held:
-        lines += ["", "Listing by a process that holds no endpoint, against the same listing with the work "
-                  "thread kept alive:", "", "| N | no guard held | guard held |", "|---:|---:|---:|"]
-        for r in held:
-            lines.append(f"| {int(r['items'])} | {show_time(r['median_ns'])} | "
-                         f"{show_time(r['counters']['held_median_ns'])} |")
+        lines += ["", HELD_TITLE, ""] + held_table(held)
     if checks:
         lines += ["", "Targets:", ""]
         lines += [f"- {'met   ' if c['met'] else 'MISSED'} {c['target']}: {c['value']:.2f}" for c in checks]
@@ -223,9 +254,74 @@ def render(results, checks, machine):
     return "\n".join(lines)
 
 
+METHOD = """\
+`scripts/bench` builds the benchmarks (Release, in `build/bench`), runs them beside their floors
+and a bus peer, prints the tables below, writes `build/bench/results.json` and writes this page.
+`scripts/bench --smoke` (tiny sizes, run by CI) only checks that the benchmarks work, and leaves
+this page alone.
+
+Each figure is the median and the 99th percentile of its iterations; "per record" divides the
+median by the records it handled. "× floor" divides the median by the figure's floor, what the
+same work costs at the least, measured in the same run: one open+map+read+unmap+close per
+record for listings (after taking off the directory read), one create+remove per record for
+publications (plus the directory work when beside N endpoints), a promise+future hand-off for
+hand-offs to the work thread (plus a thread start+join when no guard keeps the thread), SIGKILL
+of a child to its reaping for the death of a publisher, and for a new process the bare process
+starts timed in the same iterations (each iteration starts a bare process and a publishing one
+in turn, so that the machine's drift does not enter the ratio).
+
+"× bus" divides the median by its counterpart on the bus peer: a private
+`dbus-daemon --session` that the benchmark starts, with sd-bus as client, where a process
+owning a well-known name while its connection lives stands for a published endpoint.
+RequestName+ReleaseName faces publish+withdraw, ListNames with N names owned faces a listing of
+N records, a new process owning a name faces one publishing an endpoint, and a name gone after
+SIGKILL of its owner faces an endpoint gone from the listing.
+
+The two healing figures time how long after three publishers' record segments, or the user's
+whole scope folder (`rm -rf`), are removed a listing shows all three endpoints again, with no
+call from the publishers.
+
+Medians move from run to run, more so on a loaded or virtual machine; the ratios and the
+targets are taken within one run."""
+
+
+def markdown_table_of_targets(checks):
+    lines = ["| Target | this run | limit | result |", "|---|---:|---:|---|"]
+    for c in checks:
+        lines.append(f"| {c['target']} | {c['value']:.2f} | {c['limit']:g} | {'met' if c['met'] else '**missed**'} |")
+    return lines
+
+
+def render_markdown(results, checks, machine, smoke, errors, missing, skipped):
+    lines = ["# Performance", "",
+             "<!-- Written by scripts/bench (bench/report.py --markdown); not to be edited by hand. -->", ""]
+    if smoke:
+        lines += ["This page comes from a smoke run (tiny sizes): its figures say nothing about speed.", ""]
+    lines += ["## Method", "", METHOD, ""]
+    if machine:
+        lines += ["## Machine", "", "; ".join(f"{k} {v}" for k, v in machine.items()), ""]
+    lines += ["## Figures", ""] + figure_table(results)
+    curve = curve_of(results)
+    if curve:
+        lines += ["", "Publication beside N endpoints of the same process, against the directory work that "
+                  "one publication does at that size (two directory reads, one insert and one erase):", ""]
+        lines += curve_table(curve)
+    held = held_of(results)
+    if held:
+        lines += ["", HELD_TITLE, ""] + held_table(held)
+    if checks:
+        lines += ["", "## Targets", ""] + markdown_table_of_targets(checks)
+    gaps = ([f"- failed: {problem}" for problem in errors] + [f"- missing: {name}" for name in missing] +
+            [f"- skipped (needs root): {name}" for name in sorted(skipped)])
+    if gaps:
+        lines += ["", "## Not measured in this run", ""] + gaps
+    return "\n".join(lines) + "\n"
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--out", required=True)
+    parser.add_argument("--markdown", metavar="PATH", help="also write the results as a Markdown page")
     parser.add_argument("--machine", action="append", default=[])
     parser.add_argument("--smoke", action="store_true")
     parser.add_argument("files", nargs="+")
@@ -239,6 +335,12 @@ def main():
         json.dump({"mode": "smoke" if args.smoke else "full", "machine": machine, "figures": results,
                    "targets": checks, "errors": errors, "missing": missing, "skipped": sorted(skipped)}, f,
                   indent=1, ensure_ascii=False)
+    if args.markdown:
+        folder = os.path.dirname(args.markdown)
+        if folder:
+            os.makedirs(folder, exist_ok=True)
+        with open(args.markdown, "w", encoding="utf-8") as f:
+            f.write(render_markdown(results, checks, machine, args.smoke, errors, missing, skipped))
     for name in sorted(skipped):
         print(f"bench: skipped (needs root): {name}", file=sys.stderr)
     for problem in errors:
