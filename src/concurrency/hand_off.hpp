@@ -44,9 +44,7 @@ constexpr std::chrono::microseconds wakeUpSpin{15};
 
 // Spinning only helps when the other side can run at the same time: when
 // the thread that decides (the first one to ask, for the whole process) may
-// run on more than one CPU. A work queue asks before it starts its thread,
-// so the decision is made on its creator's CPUs and never on the narrower
-// set that a new work thread has for a while (WorkQueue::startAwayFromCreator).
+// run on more than one CPU.
 inline bool spinningHelps() {
   static const bool helps = [] {
     cpu_set_t cpus;
@@ -90,17 +88,6 @@ inline thread_local unsigned wakeUpSpinsSkipped = 0;
 inline bool wakeUpSpinPays() noexcept { return wakeUpSpinsFailed < 2 || ++wakeUpSpinsSkipped % 16 == 0; }
 
 inline void recordWakeUpSpin(bool succeeded) noexcept { wakeUpSpinsFailed = succeeded ? 0 : wakeUpSpinsFailed + 1; }
-
-// Set on the work thread when the job it just ran came from a caller on the
-// same core: that caller needs this very core to go on, so the thread does
-// not spin for its next job this time.
-inline thread_local bool leaveCoreToCaller = false;
-
-// Set on the work thread when it had to wake the caller of the job it just
-// ran. The caller may have been woken on this very core, behind the thread:
-// once done with the job, the thread lets it run before it watches for the
-// next job.
-inline thread_local bool wokeCaller = false;
 
 // The outcome of one job of executeAndSet, handed from the work thread to
 // the waiting caller: the job's value or exception, or the news that the
@@ -165,11 +152,12 @@ class Completion {
   // then. The job's sender keeps this object alive throughout.
   void finish(int outcome) noexcept {
     state.store(outcome, std::memory_order_seq_cst);
+    bool woken = false;
     if (callerAsleep.load(std::memory_order_seq_cst)) {
       syscall(SYS_futex, stateWord(), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-      wokeCaller = true;
+      woken = true;
     }
-    if (callerCpu == sched_getcpu()) leaveCoreToCaller = true;
+    if (WorkQueue* queue = WorkQueue::current()) queue->handedToCaller(woken, callerCpu == sched_getcpu());
   }
 
   // The futex word: the atomic's own int.

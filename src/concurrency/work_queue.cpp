@@ -107,52 +107,17 @@ void registerForkHandler() {
   std::call_once(forkHandlerOnce, [] { pthread_atfork(&dropJobsBeforeFork, nullptr, &forgetQueuesInForkedChild); });
 }
 
-// `cpus` without `cpu`; nothing when `cpu` is not among them or no other is.
-std::optional<cpu_set_t> cpusBesides(const cpu_set_t& cpus, int cpu) noexcept {
-  if (cpu < 0 || cpu >= CPU_SETSIZE || !CPU_ISSET(cpu, &cpus)) return std::nullopt;
-  cpu_set_t others = cpus;
-  CPU_CLR(cpu, &others);
-  if (CPU_COUNT(&others) == 0) return std::nullopt;
-  return others;
-}
-
 }  // namespace
 
-WorkQueue::WorkQueue(bool primaryLane) : primary(primaryLane), creatorPid(getpid()), creatorCpu(sched_getcpu()) {
+WorkQueue::WorkQueue(bool primaryLane) : primary(primaryLane), creatorPid(getpid()) {
   wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wakeFd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  (void)handoff::spinningHelps();  // decided here, before the thread's CPUs narrow
   try {
     thread = std::thread(&WorkQueue::run, this);
   } catch (...) {
     close(wakeFd);
     throw;
   }
-  startAwayFromCreator();
-}
-
-std::optional<cpu_set_t> leaveCpu(int cpu) noexcept {
-  if (sched_getcpu() != cpu) return std::nullopt;
-  cpu_set_t own;
-  if (sched_getaffinity(0, sizeof own, &own) != 0) return std::nullopt;
-  const std::optional<cpu_set_t> others = cpusBesides(own, cpu);
-  if (!others || sched_setaffinity(0, sizeof *others, &*others) != 0) return std::nullopt;
-  return own;
-}
-
-// A new thread is queued on its creator's core, where it cannot run before
-// the creator sleeps, and the first wake-up after that moves it to another
-// core, which on a virtual machine whose other core is idle can take long.
-// So it is sent to the other cores at once: it comes up there while its
-// creator goes on. Before its first job it takes back the CPUs it inherited,
-// staying where it is; the jobs are pushed only after this, so that its
-// taking them back cannot come first.
-void WorkQueue::startAwayFromCreator() noexcept {
-  cpu_set_t inherited;
-  if (sched_getaffinity(0, sizeof inherited, &inherited) != 0) return;
-  const std::optional<cpu_set_t> elsewhere = cpusBesides(inherited, creatorCpu);
-  if (!elsewhere || pthread_setaffinity_np(thread.native_handle(), sizeof *elsewhere, &*elsewhere) != 0) return;
-  inheritedCpus = inherited;
 }
 
 WorkQueue::~WorkQueue() {
@@ -238,18 +203,19 @@ thread_local WorkQueue* runningQueue = nullptr;
 
 WorkQueue* WorkQueue::current() noexcept { return runningQueue; }
 
+void WorkQueue::handedToCaller(bool wokeIt, bool sameCore) noexcept {
+  afterJob.yieldToCaller = afterJob.yieldToCaller || wokeIt;
+  afterJob.leaveCoreToCaller = afterJob.leaveCoreToCaller || sameCore;
+}
+
 void WorkQueue::run() {
   runningQueue = this;
-  // The thread may also run first on its creator's core, taking it from the
-  // creator before the creator has sent it away: it then leaves by itself,
-  // so that its creator goes on at once.
-  std::optional<cpu_set_t> ownCpus = leaveCpu(creatorCpu);
   awakeCpu.store(sched_getcpu(), std::memory_order_release);
   for (;;) {
     // A caller woken on this core goes on before the thread watches.
-    if (std::exchange(handoff::wokeCaller, false)) sched_yield();
+    if (std::exchange(afterJob.yieldToCaller, false)) sched_yield();
     // A job pushed soon after the last one is taken without sleeping.
-    if (!std::exchange(handoff::leaveCoreToCaller, false)) {
+    if (!std::exchange(afterJob.leaveCoreToCaller, false)) {
       const auto jobOrStop = [this] {
         return jobCount.load(std::memory_order_acquire) != 0 || stopSeen.load(std::memory_order_acquire);
       };
@@ -278,12 +244,6 @@ void WorkQueue::run() {
       jobs.pop_front();
       jobCount.store(jobs.size(), std::memory_order_relaxed);
       jobInHand.store(true, std::memory_order_relaxed);
-    }
-    if (inheritedCpus || ownCpus) {
-      const cpu_set_t& cpus = inheritedCpus ? *inheritedCpus : *ownCpus;
-      (void)sched_setaffinity(0, sizeof cpus, &cpus);
-      inheritedCpus.reset();
-      ownCpus.reset();
     }
     try {
       // Jobs lock and unlock mutexes in segments that others may truncate.

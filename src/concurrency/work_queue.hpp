@@ -34,10 +34,10 @@
 // each one (unless that job's caller shares its core), longer while an
 // operation holds it (WorkThreadHold), and a caller watches for its job's
 // outcome while the thread is awake on another core, or for a short while
-// for a thread it had to wake to come up on one. A new thread is started
-// away from its creator's core, and leaves that core by itself if it gets
-// to run there first. The spins are bounded and are skipped when the
-// process may use only one CPU; sleeping and waking work as before.
+// for a thread it had to wake to come up on one. The spins are bounded and
+// are skipped when the process may use only one CPU; sleeping and waking work
+// as before. The threads' CPU affinity is left alone: they run where their
+// creator may run, and wherever the application places them.
 //
 // Fork: a forked child forgets its parent's queue, so its first request
 // starts a work thread of its own. Guards inherited from the parent still
@@ -74,11 +74,6 @@ inline constexpr unsigned robustListLimit = 2048;
 // The most lasting locks that one work thread holds: the rest of its list is
 // kept for brief locks taken meanwhile (one per caller thread at a time).
 inline constexpr unsigned lastingLocksPerLane = 2000;
-
-// Moves the calling thread off `cpu` when it runs there, to the other CPUs
-// it may use (if there are any); returns the CPUs it had, to be taken back
-// later, or nothing if it was not moved.
-std::optional<cpu_set_t> leaveCpu(int cpu) noexcept;
 
 // A descriptor that the primary work thread also waits on while it sleeps,
 // and the function it calls on that thread when the descriptor is readable
@@ -137,6 +132,12 @@ class WorkQueue {
 
   // The queue whose work thread is calling; null on any other thread.
   static WorkQueue* current() noexcept;
+  // Called by a job, on this queue's thread, that has just handed its
+  // outcome to a waiting caller: `wokeIt` when it had to wake that caller,
+  // `sameCore` when the caller made the job on the core the thread runs on.
+  // Either way the caller needs a core to go on: after this job the thread
+  // yields (woken) or does not spin for its next job (same core).
+  void handedToCaller(bool wokeIt, bool sameCore) noexcept;
   // The robust mutexes that this queue's thread holds, oldest first: kept by
   // the lock guard's jobs, read and written on that thread only.
   std::vector<pthread_mutex_t*>& heldMutexes() noexcept { return held; }
@@ -148,7 +149,6 @@ class WorkQueue {
   // Sleeps until woken (or, on the primary queue, until the idle watch is
   // readable, which it then serves); returns without a reason on a signal.
   void sleepUntilWoken();
-  void startAwayFromCreator() noexcept;
   void abandonInForkedChild() noexcept;
 
   std::mutex mutex;
@@ -168,11 +168,12 @@ class WorkQueue {
   std::vector<pthread_mutex_t*> held;  // see heldMutexes()
   std::thread thread;
   pid_t creatorPid;  // the process whose thread `thread` is
-  int creatorCpu;    // the core its creator ran on as it started the thread
-  // The CPUs that the thread inherited, while it is kept off its creator's
-  // core (see startAwayFromCreator). Written before the first job is pushed;
-  // read and cleared by the thread when it takes its first job.
-  std::optional<cpu_set_t> inheritedCpus;
+  // What the last job asked of the thread before its next watch (see
+  // handedToCaller); read, written and cleared on the thread only.
+  struct AfterJob {
+    bool yieldToCaller = false;
+    bool leaveCoreToCaller = false;
+  } afterJob;
 };
 
 class WorkThreadGuard {

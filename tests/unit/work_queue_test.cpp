@@ -8,10 +8,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <latch>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -93,6 +95,15 @@ cpu_set_t ownCpus() {
   CPU_ZERO(&cpus);
   EXPECT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0);
   return cpus;
+}
+
+// The ids of this process's threads.
+std::set<pid_t> threadIds() {
+  std::set<pid_t> ids;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    ids.insert(static_cast<pid_t>(std::stol(entry.path().filename().string())));
+  }
+  return ids;
 }
 
 // The CPUs that the work thread has while it runs a job.
@@ -253,8 +264,7 @@ TEST(WorkQueueTest, TheThreadFallsAsleepDuringAHoldAndAfterIt) {
   EXPECT_EQ(awaitAsleep(place.tid), 'S');
 }
 
-// A new thread may be kept off its creator's core until it takes its first
-// job; its jobs run with the CPUs it inherited.
+// The work thread runs with the CPUs it inherited, from its first job on.
 TEST(WorkQueueTest, JobsRunWithTheCpusTheThreadInherited) {
   const cpu_set_t mine = ownCpus();
   WorkThreadGuard guard = WorkThreadGuard::holdThread();
@@ -262,6 +272,32 @@ TEST(WorkQueueTest, JobsRunWithTheCpusTheThreadInherited) {
   EXPECT_TRUE(CPU_EQUAL(&seen, &mine));
   seen = workThreadCpus(guard);
   EXPECT_TRUE(CPU_EQUAL(&seen, &mine));
+}
+
+// An application that pins the work thread (found among its threads) before
+// its first job keeps it pinned: the library never sets a thread's CPUs.
+TEST(WorkQueueTest, AnApplicationPinningTheThreadKeepsItPinned) {
+  const cpu_set_t mine = ownCpus();
+  if (CPU_COUNT(&mine) < 2) GTEST_SKIP() << "pinning narrows nothing with one CPU";
+  const std::set<pid_t> before = threadIds();
+  WorkThreadGuard guard = WorkThreadGuard::holdThread();
+  std::set<pid_t> started;
+  for (pid_t tid : threadIds()) {
+    if (before.count(tid) == 0) started.insert(tid);
+  }
+  ASSERT_EQ(started.size(), 1u);
+  int last = CPU_SETSIZE - 1;
+  while (last >= 0 && !CPU_ISSET(last, &mine)) --last;
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(last, &one);
+  ASSERT_EQ(sched_setaffinity(*started.begin(), sizeof one, &one), 0);
+  for (int i = 0; i < 3; ++i) {
+    const cpu_set_t seen = workThreadCpus(guard);
+    EXPECT_TRUE(CPU_EQUAL(&seen, &one));
+  }
+  const cpu_set_t after = ownCpus();
+  EXPECT_TRUE(CPU_EQUAL(&after, &mine)) << "the caller's CPUs changed";
 }
 
 TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
@@ -284,44 +320,8 @@ TEST(WorkQueueTest, ACreatorKeptToOneCpuGivesItsThreadThatCpu) {
   EXPECT_TRUE(CPU_EQUAL(&seen, &one));
 }
 
-// A thread moves off a CPU it runs on to the other CPUs it may use, and is
-// told the CPUs it had; on another CPU, or with no other CPU, it stays.
-TEST(WorkQueueTest, LeavingACpuMovesTheThreadToItsOtherCpus) {
-  const cpu_set_t mine = ownCpus();
-  if (CPU_COUNT(&mine) < 2) GTEST_SKIP() << "a thread can leave a CPU only with two CPUs or more";
-  std::thread([&mine] {
-    // The thread may move between reading its CPU and leaving it: it tries again.
-    int left = -1;
-    std::optional<cpu_set_t> had;
-    for (int attempt = 0; attempt < 1000 && !had; ++attempt) {
-      left = sched_getcpu();
-      had = registry::leaveCpu(left);
-    }
-    ASSERT_TRUE(had.has_value());
-    EXPECT_TRUE(CPU_EQUAL(&*had, &mine));
-    cpu_set_t expected = mine;
-    CPU_CLR(left, &expected);
-    cpu_set_t now = ownCpus();
-    EXPECT_TRUE(CPU_EQUAL(&now, &expected));
-    EXPECT_NE(sched_getcpu(), left);
-
-    EXPECT_FALSE(registry::leaveCpu(left).has_value());  // not there any more
-    now = ownCpus();
-    EXPECT_TRUE(CPU_EQUAL(&now, &expected));
-
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(sched_getcpu(), &one);
-    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-    EXPECT_FALSE(registry::leaveCpu(sched_getcpu()).has_value());  // nowhere else to go
-    now = ownCpus();
-    EXPECT_TRUE(CPU_EQUAL(&now, &one));
-  }).join();
-}
-
-// Whether spinning pays is decided once per process, on the CPUs of the
-// work thread's creator, never on the narrower set that a new thread has
-// until its first job. Run in a process of its own, so that the decision is
+// Whether spinning pays is decided once per process, on the CPUs that the
+// process may use. Run in a process of its own, so that the decision is
 // fresh: the new thread watches for a job, finds none and falls asleep.
 TEST(WorkQueueTest, ANewThreadLeavesSpinningOnForTheProcess) {
   const cpu_set_t mine = ownCpus();
