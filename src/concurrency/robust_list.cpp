@@ -12,6 +12,8 @@
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
+#include "concurrency/lock_word.hpp"
+
 namespace agent::spf::endpointregistry::robustlist {
 namespace {
 
@@ -104,11 +106,10 @@ void installFaultHandler() {
 // process cut or overwrote it: glibc would unlock it by what it now holds.
 bool intact(pthread_mutex_t* mutex, int kind, void* newer, void* older) noexcept {
   const unsigned ownThread = static_cast<unsigned>(gettid());
-  unsigned word = 0;
-  std::memcpy(&word, &mutex->__data.__lock, sizeof word);
   return std::atomic_ref<int>(mutex->__data.__kind).load(std::memory_order_relaxed) == kind &&
          static_cast<void*>(mutex->__data.__list.__next) == older &&
-         static_cast<void*>(mutex->__data.__list.__prev) == newer && (word & FUTEX_TID_MASK) == ownThread;
+         static_cast<void*>(mutex->__data.__list.__prev) == newer &&
+         lockword::holder(lockword::of(*mutex)) == ownThread;
 }
 
 // Takes the mutex between `newer` and `older` out of the list by linking
@@ -136,9 +137,9 @@ void releaseLockWord(pthread_mutex_t* mutex) noexcept {
   const unsigned ownThread = static_cast<unsigned>(gettid());
   auto* word = reinterpret_cast<unsigned*>(&mutex->__data.__lock);
   unsigned seen = __atomic_load_n(word, __ATOMIC_ACQUIRE);
-  if ((seen & FUTEX_TID_MASK) != ownThread) return;
+  if (lockword::holder(seen) != ownThread) return;
   if (!__atomic_compare_exchange_n(word, &seen, 0u, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) return;
-  if ((seen & FUTEX_WAITERS) != 0) syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+  if (lockword::hasWaiters(seen)) syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
 }
 
 // Takes a damaged mutex out of the list and lets go of it. Returns what
@@ -147,7 +148,7 @@ void releaseLockWord(pthread_mutex_t* mutex) noexcept {
 int dropDamaged(pthread_mutex_t* mutex, void* newer, void* older) noexcept {
   unlink(newer, older);
   const unsigned word = __atomic_load_n(reinterpret_cast<unsigned*>(&mutex->__data.__lock), __ATOMIC_ACQUIRE);
-  if ((word & FUTEX_TID_MASK) != static_cast<unsigned>(gettid())) return EPERM;
+  if (lockword::holder(word) != static_cast<unsigned>(gettid())) return EPERM;
   releaseLockWord(mutex);
   return 0;
 }

@@ -39,6 +39,8 @@ class PThreadRobustLockGuard {
   static bool hasUnsetOrOwnKind(const pthread_mutex_t* mutex) noexcept;
   // True when the mutex is of the kind initializeMutex() makes.
   static bool hasOwnKind(const pthread_mutex_t* mutex) noexcept;
+  // The kind word that initializeMutex() gives a mutex.
+  static int ownKind() noexcept;
 
   // Probes a mutex on the calling thread without keeping it: 0 (free),
   // EOWNERDEAD (owner died; now made consistent and unlocked), or the error of

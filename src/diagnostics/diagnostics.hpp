@@ -1,16 +1,13 @@
-// The library's two diagnostic channels, its four levels, and the one routine
-// that emits a message.
-//
-// logMessage() tests the level bit first: a disabled level builds no string
-// and takes no lock. The pieces are written one after another into a single
-// record, with nothing between them; numbers are written in decimal.
+// The library's two diagnostic channels and its four levels. Lines are
+// written with logMessage() of the logging library, which tests the level bit
+// first: a disabled level builds no string and takes no lock.
 #pragma once
 
 #include <exception>
 #include <string>
 
-#include <boost/log/core/core.hpp>
 #include <foundation/log/diagnostic_logger.hpp>
+#include <foundation/log/log_message.hpp>
 
 namespace agent::spf::endpointregistry {
 
@@ -37,22 +34,9 @@ bool lifetimeLevelEnabled(unsigned level);
 // The name of the registry's name directory, "qzEndpointRegistry".
 extern const std::string registryDirectoryName;
 
-// Emits one record of `level` made of `pieces` written back to back.
-template <typename... Pieces>
-void logMessage(DiagnosticLogger& logger, unsigned level, const Pieces&... pieces) {
-  if (!logger.isEnabled(level)) return;
-  if (!boost::log::core::get()->get_logging_enabled()) return;
-  boost::log::record record = logger.open_record(boost::log::keywords::severity = level);
-  if (!record) return;
-  const int exceptionsBefore = std::uncaught_exceptions();
-  {
-    boost::log::record_ostream stream(record);
-    (stream << ... << pieces);
-    stream.flush();
-  }
-  if (std::uncaught_exceptions() > exceptionsBefore) return;
-  logger.push_record(std::move(record));
-}
+// Emits one record of `level` made of `pieces` written back to back (see
+// foundation/log/log_message.hpp).
+using foundation::log::logMessage;
 
 // "Exception caught: " followed by Boost's verbose diagnostic text of the
 // exception being handled. Call only inside a catch block.

@@ -5,45 +5,26 @@
 // re-entrant calls are used, so any thread may call at any time.
 #include "discovery/current_user_groups.hpp"
 
-#include <grp.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstddef>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
-#include <agent/spf/sharedmemory/shared_memory.hpp>
+#include <agent/spf/sharedmemory/accounts.hpp>
 
 #include "diagnostics/diagnostics.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
 
-// getgrgid_r() starts with this much buffer and doubles it while the entry
-// does not fit, up to the limit; an entry larger than that is left out.
-constexpr std::size_t initialGroupBufferSize = 1024;
-constexpr std::size_t maximalGroupBufferSize = 1024 * 1024;
-
 [[noreturn]] void throwGroupIdsUnavailable() {
   const int error = errno;
   logMessage(mainLogger(), LogLevel::Error, "getCurrentUserGroups(): Failed to get user group ids. ", "(Error ", error,
              ")");
   throw std::runtime_error("System error: Failed to get current user groups");
-}
-
-// Adds the name of group `id` to `names`. An id without an entry, a failed
-// lookup and an entry needing more than the maximal buffer add nothing.
-void addGroupName(gid_t id, std::set<std::string>& names) {
-  std::vector<char> buffer(initialGroupBufferSize);
-  group entry{};
-  group* found = nullptr;
-  for (;;) {
-    const int result = getgrgid_r(id, &entry, buffer.data(), buffer.size(), &found);
-    if (result != ERANGE) break;
-    if (buffer.size() * 2 > maximalGroupBufferSize) break;
-    buffer.resize(buffer.size() * 2);
-  }
-  if (found != nullptr) names.insert(entry.gr_name);
 }
 
 }  // namespace
@@ -64,7 +45,9 @@ std::set<std::string> getCurrentUserGroups() {
   // Every slot is looked up, even if the list shrank between the two calls:
   // slots left unfilled still hold id 0.
   std::set<std::string> names;
-  for (gid_t id : ids) addGroupName(id, names);
+  for (gid_t id : ids) {
+    if (std::optional<std::string> name = agent::spf::sharedmemory::groupName(id)) names.insert(std::move(*name));
+  }
   return names;
 }
 

@@ -7,6 +7,7 @@
 // mutex that probes in an undesired state.
 #include <gtest/gtest.h>
 
+#include <linux/futex.h>
 #include <pthread.h>
 #include <unistd.h>
 #include <algorithm>
@@ -249,12 +250,12 @@ TEST_F(CorruptRecordsTest, GarbageLockWordsNeverBlockTheProbe) {
   const int ours = kindOf(PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_ROBUST, PTHREAD_PROCESS_SHARED);
   const int privateRobust = kindOf(PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_ROBUST, PTHREAD_PROCESS_PRIVATE);
   const int normal = kindOf(PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_STALLED, PTHREAD_PROCESS_SHARED);
-  const std::vector<std::pair<int, unsigned>> words{{ours, 0x40000000u | static_cast<unsigned>(gone)},
+  const std::vector<std::pair<int, unsigned>> words{{ours, FUTEX_OWNER_DIED | static_cast<unsigned>(gone)},
                                                     {ours, static_cast<unsigned>(gone)},
                                                     {ours, 0x80000001u},
                                                     {ours, 0xffffffffu},
                                                     {normal, 2},
-                                                    {privateRobust, 0x3fffffffu}};
+                                                    {privateRobust, FUTEX_TID_MASK}};
   std::vector<std::string> held;
   for (const auto& [kind, lockWord] : words) {
     const std::string second = std::to_string(lockWord);
@@ -265,7 +266,7 @@ TEST_F(CorruptRecordsTest, GarbageLockWordsNeverBlockTheProbe) {
       scribble(&headerIn(segment)->livenessMutex, kind, lockWord);
     }
     // Owner-died words, the only ones here a probe does not answer EBUSY to.
-    const bool ownerDied = (lockWord & 0x40000000u) != 0;
+    const bool ownerDied = (lockWord & FUTEX_OWNER_DIED) != 0;
     if (!ownerDied) held.push_back(second);
     const auto code = er::test::runInChild(
         [&](ChildProcess&) {

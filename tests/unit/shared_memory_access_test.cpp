@@ -1,6 +1,7 @@
 // Who may open a segment: scope folders of users and groups, owners, groups
 // and modes of folders and segments, planted files of the wrong kind, and
 // processes of other users inside and outside a trustee group.
+#include <agent/spf/sharedmemory/accounts.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 // Segments of the empty trustee: creating, finding, sizes, names, lifetime of
 // names and handles, sharing with other processes, and the refusal lines.
+#include <agent/spf/sharedmemory/accounts.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
 #include <gtest/gtest.h>

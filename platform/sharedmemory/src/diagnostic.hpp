@@ -1,17 +1,18 @@
-// The library's log channel "agent::spf::sharedmemory" and the one routine
-// that writes a line on it.
+// The library's log channel "agent::spf::sharedmemory" and how its lines
+// read.
 //
 // Levels: 256 for a segment that is missing or refused, 512 for a failed
-// system call. logMessage() tests the level bit first, so a disabled level
-// builds no text and takes no lock; it never throws (a line that cannot be
-// written is dropped), so it may be used in destructors.
+// system call. Every function here tests the level bit first, so a disabled
+// level builds no text and takes no lock, and none throws (a line that
+// cannot be written is dropped), so they may be used in destructors.
 #pragma once
 
-#include <exception>
-#include <utility>
+#include <string>
 
-#include <boost/log/core/core.hpp>
 #include <foundation/log/diagnostic_logger.hpp>
+#include <foundation/log/log_message.hpp>
+
+#include "scope.hpp"
 
 namespace agent::spf::sharedmemory::detail {
 
@@ -33,24 +34,29 @@ inline bool logEnabled(unsigned level) noexcept {
   }
 }
 
-// Emits one record of `level` made of `pieces` written back to back.
+// Writes one line of `level` made of `pieces` back to back on the channel.
 template <typename... Pieces>
-void logMessage(unsigned level, const Pieces&... pieces) noexcept {
+void logLine(unsigned level, const Pieces&... pieces) noexcept {
+  if (!logEnabled(level)) return;
   try {
-    if (!levels().isEnabled(level)) return;
-    DiagnosticLogger& channel = logger();
-    if (!boost::log::core::get()->get_logging_enabled()) return;
-    boost::log::record record = channel.open_record(boost::log::keywords::severity = level);
-    if (!record) return;
-    {
-      boost::log::record_ostream stream(record);
-      (stream << ... << pieces);
-      stream.flush();
-    }
-    channel.push_record(std::move(record));
+    foundation::log::logMessage(logger(), level, pieces...);
   } catch (...) {
     // A diagnostic line is never worth failing the operation it describes.
   }
 }
+
+// The name as it may appear in a log line: control bytes escaped, cut short
+// when longer than a name may be.
+std::string printable(const std::string& name);
+
+// Logs the failure of `operation` (create, find, createOrFind) on segment
+// `name`: under its scope folder when the scope is known, else under the
+// trustee's name.
+void logFailure(const char* operation, const Scope& scope, bool scopeKnown, const std::string& name,
+                const std::string& trustee, const Outcome& outcome) noexcept;
+
+// Logs a failure of a handle's own operation (release, markForDeletion).
+void logHandleFailure(const char* operation, const std::string& scopePath, const std::string& name,
+                      const Outcome& outcome) noexcept;
 
 }  // namespace agent::spf::sharedmemory::detail

@@ -1,7 +1,6 @@
 #include "scope.hpp"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sched.h>
 #include <unistd.h>
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <mutex>
 #include <unordered_map>
 #include <vector>
+
+#include "agent/spf/sharedmemory/accounts.hpp"
 
 namespace agent::spf::sharedmemory::detail {
 namespace {
@@ -37,31 +38,6 @@ std::string octal(mode_t mode) {
   return text;
 }
 
-Outcome refused(std::string reason) { return {Problem::Refused, std::move(reason)}; }
-
-// The gid of the group `name`: 1 found, 0 unknown, -1 failed (`error` set).
-int lookUpGroup(const std::string& name, gid_t& gid, int& error) {
-  long suggested = sysconf(_SC_GETGR_R_SIZE_MAX);
-  std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 1024);
-  constexpr std::size_t bufferLimit = 1 << 24;
-  for (;;) {
-    group entry{};
-    group* result = nullptr;
-    error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &result);
-    if (error == ERANGE && buffer.size() < bufferLimit) {
-      buffer.resize(buffer.size() * 2);
-      continue;
-    }
-    if (result != nullptr) {
-      gid = entry.gr_gid;
-      return 1;
-    }
-    // Systems report "no such group" with several error numbers.
-    if (error == 0 || error == ENOENT || error == ESRCH || error == EBADF || error == EPERM) return 0;
-    return -1;
-  }
-}
-
 struct CachedGroup {
   gid_t gid;
   std::chrono::steady_clock::time_point expiry;
@@ -80,10 +56,10 @@ Outcome groupId(const std::string& name, gid_t& gid) {
       return {};
     }
   }
-  int error = 0;
-  const int found = lookUpGroup(name, gid, error);
-  if (found < 0) return systemFailure("getgrnam_r", error);
-  if (found == 0) return refused("unknown group");
+  const GroupLookUp found = lookUpGroup(name);
+  if (found.result == GroupLookUp::Failed) return systemFailure("getgrnam_r", found.error);
+  if (found.result == GroupLookUp::Unknown) return refused("unknown group");
+  gid = found.gid;
   std::lock_guard lock(groupCacheMutex);
   if (groupCache.size() >= groupCacheCapacity) groupCache.clear();
   groupCache[name] = CachedGroup{gid, now + groupCacheLifetime};

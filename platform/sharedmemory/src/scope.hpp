@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <string>
+#include <utility>
 
 namespace agent::spf::sharedmemory::detail {
 
@@ -43,6 +44,10 @@ struct Outcome {
 // "<what> failed: <strerror> (Error <n>)"; SystemError, or AccessDenied for
 // EACCES and EPERM.
 Outcome systemFailure(const char* what, int error);
+
+// A refusal for `reason` (a segment or folder of the wrong kind, owner,
+// group or mode; a bad name or trustee).
+inline Outcome refused(std::string reason) { return {Problem::Refused, std::move(reason)}; }
 
 // A file descriptor closed on destruction.
 class UniqueFd {

@@ -23,7 +23,7 @@ using detail::UniqueFd;
 namespace {
 
 void logListingFailure(const std::string& where, const Outcome& outcome) {
-  detail::logMessage(outcome.logLevel(), "listSegmentNames: ", where, ": ", outcome.reason);
+  detail::logLine(outcome.logLevel(), "listSegmentNames: ", where, ": ", outcome.reason);
 }
 
 // Reads the names from the open scope folder. Names are taken as the folder

@@ -214,9 +214,6 @@ class SegmentReader {
 // no known group.
 std::string scopeFolderPath(const std::string& trustee);
 
-// The name of the effective user (getpwuid_r of geteuid()); empty if unknown.
-std::string getCurrentUserName();
-
 // The claim on the trustee's segment `name`, looked at through a descriptor
 // of its own (see SharedMemory, Claims), whatever the segment's size.
 enum class SegmentClaim {

@@ -1,0 +1,103 @@
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "agent/spf/sharedmemory/shared_memory.hpp"
+#include "diagnostic.hpp"
+#include "folder_cache.hpp"
+#include "scope.hpp"
+#include "segment_files.hpp"
+
+namespace agent::spf::sharedmemory {
+
+using detail::logFailure;
+using detail::Outcome;
+using detail::Scope;
+using detail::UniqueFd;
+
+struct ScopeFolder::Impl {
+  Scope scope;
+  detail::SharedFolder folder;
+};
+
+ScopeFolder ScopeFolder::open(const std::string& trustee) {
+  ScopeFolder opened;
+  try {
+    auto impl = std::make_shared<Impl>();
+    if (!detail::resolveScope(trustee, impl->scope).ok()) return opened;
+    if (!detail::shareScopeFolder(impl->scope, false, impl->folder).ok()) return opened;
+    opened.impl_ = std::move(impl);
+  } catch (...) {
+    // No memory: unopened.
+  }
+  return opened;
+}
+
+SegmentReader SegmentReader::open(const std::string& name, std::size_t size, const std::string& trustee,
+                                  SharedMemory::ImplementationSpecifications implementation) {
+  return open(ScopeFolder(), name, size, trustee, implementation);
+}
+
+SegmentReader SegmentReader::open(const ScopeFolder& opened, const std::string& name, std::size_t size,
+                                  const std::string& trustee, SharedMemory::ImplementationSpecifications) {
+  const char* operation = "find";
+  try {
+    // Without a folder opened beforehand, the steps of find(): scope, then
+    // arguments, then folder.
+    ScopeFolder::Impl local;
+    const ScopeFolder::Impl& in = opened.isOpen() ? *opened.impl_ : local;
+    if (!opened.isOpen()) {
+      const Outcome resolved = detail::resolveScope(trustee, local.scope);
+      if (!resolved.ok()) {
+        logFailure(operation, local.scope, false, name, trustee, resolved);
+        return SegmentReader();
+      }
+    }
+    Outcome outcome = detail::checkArguments(name, size);
+    if (outcome.ok() && !opened.isOpen()) outcome = detail::shareScopeFolder(local.scope, false, local.folder);
+    UniqueFd fd;
+    struct stat st {};
+    if (outcome.ok()) outcome = detail::openSegment(in.scope, in.folder->get(), name, size, fd, st);
+    if (!outcome.ok()) {
+      logFailure(operation, in.scope, true, name, trustee, outcome);
+      return SegmentReader();
+    }
+    return SegmentReader(fd.release());
+  } catch (...) {
+    // Only memory for texts can run out here.
+    return SegmentReader();
+  }
+}
+
+SegmentReader::SegmentReader(SegmentReader&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+SegmentReader& SegmentReader::operator=(SegmentReader&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+SegmentReader::~SegmentReader() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool SegmentReader::read(std::size_t offset, void* buffer, std::size_t length) const noexcept {
+  if (fd_ < 0 || offset > static_cast<std::size_t>(PTRDIFF_MAX)) return false;
+  auto* out = static_cast<char*>(buffer);
+  while (length > 0) {
+    const ssize_t got = pread(fd_, out, length, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    out += got;
+    offset += static_cast<std::size_t>(got);
+    length -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+}  // namespace agent::spf::sharedmemory
