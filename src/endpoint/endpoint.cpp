@@ -79,7 +79,7 @@ Endpoint::~Endpoint() {
 
 Endpoint::operator bool() const noexcept { return ownRecord != nullptr; }
 
-void Endpoint::reset() {
+void Endpoint::reset() noexcept {
   for (auto& record : trusteeRecords) record.reset();
   trusteeRecords.clear();
   ownRecord.reset();

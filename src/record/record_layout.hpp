@@ -92,6 +92,18 @@ inline void storeRecordData(agent::spf::sharedmemory::SharedMemory& segment,
   recordHeaderOf(segment).firstLength = data.first.size();
 }
 
+// True when the segment holds `data` as storeRecordData() wrote it: the
+// first string's length and every data byte. Reads through the mapping; a
+// caller that may meet a segment cut short reads under MappedAccess.
+inline bool holdsRecordData(agent::spf::sharedmemory::SharedMemory& segment,
+                            const std::pair<std::string, std::string>& data, unsigned long dataLength) {
+  if (data.first.size() + data.second.size() != dataLength) return false;
+  const unsigned char* stored = recordDataOf(segment);
+  return recordHeaderOf(segment).firstLength == data.first.size() &&
+         std::memcmp(stored, data.first.data(), data.first.size()) == 0 &&
+         std::memcmp(stored + data.first.size(), data.second.data(), data.second.size()) == 0;
+}
+
 inline std::atomic_ref<std::uint8_t> livenessFlagOf(agent::spf::sharedmemory::SharedMemory& segment) {
   return std::atomic_ref<std::uint8_t>(recordHeaderOf(segment).livenessFlag);
 }

@@ -9,7 +9,7 @@
 
 #include "diagnostics/diagnostics.hpp"
 #include "directory/directory_entry.hpp"
-#include "directory_test_support.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/log_capture.hpp"
 #include "support/system_accounts.hpp"
 

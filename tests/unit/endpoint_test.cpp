@@ -118,6 +118,18 @@ TEST_F(EndpointTest, SameDataUnderTwoGroupTagsLivesSideBySide) {
   EXPECT_EQ(Endpoint::filterFromLocal(otherTag), (Pairs{{"same", "data"}}));
 }
 
+TEST_F(EndpointTest, DataWithNulBytesComesBackExactly) {
+  const std::string first("a\0b", 3);
+  const std::string second("\0", 1);
+  Endpoint endpoint({first, second}, tag);
+  EXPECT_EQ(Endpoint::filterFromLocal(tag), (Pairs{{first, second}}));
+  // Joined, "a\0b" "\0" and "a" "\0b\0" are the same text: a synonym.
+  EXPECT_THROW(Endpoint({"a", std::string("\0b\0", 3)}, tag), Endpoint::DuplicateEndpointError);
+  // A NUL byte is a byte like any other: "a" "b" differs.
+  Endpoint other({"a", "b"}, tag);
+  EXPECT_EQ(Endpoint::filterFromLocal(tag), (Pairs{{"a", "b"}, {first, second}}));
+}
+
 TEST_F(EndpointTest, PublishBuildsThePair) {
   Endpoint endpoint = Endpoint::publish("left", "right", tag);
   EXPECT_TRUE(endpoint);

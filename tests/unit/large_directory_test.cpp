@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "directory_test_support.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/log_capture.hpp"
 
 namespace er::test {

@@ -29,6 +29,7 @@
 
 #include "directory/directory_entry.hpp"
 #include "directory/segment_names.hpp"
+#include "record/record_layout.hpp"
 #include "support/child_process.hpp"
 #include "support/shm_files.hpp"
 #include "support/system_accounts.hpp"
@@ -238,6 +239,24 @@ TEST_F(HealingTest, GarbageInTheDirectoryIsHealedByGarbageCollection) {
     return report.rebuiltDirectories == 1 ? 0 : 4;
   });
   EXPECT_EQ(code, 0);
+  EXPECT_EQ(listedAsUser(expected(3), {""}), asLine(expected(3)));
+  expectPublishersAlive();
+}
+
+// A record segment cut short and then lengthened again has its full size,
+// its flag and its held mutex, but zeros where its data was: its publisher
+// sees that its data is gone and publishes it again.
+TEST_F(HealingTest, ARecordCutAndLengthenedAgainIsPublishedAgain) {
+  for (int i = 0; i < 3; ++i) startPublisher(i);
+  const std::set<std::string> records = er::test::filesIn(scope, groupPrefix(tag));
+  ASSERT_EQ(records.size(), 3u);
+  for (const std::string& name : records) {
+    const std::string path = scope + "/" + name;
+    struct stat before {};
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(recordDataOffset)), 0);
+    ASSERT_EQ(truncate(path.c_str(), before.st_size), 0);
+  }
   EXPECT_EQ(listedAsUser(expected(3), {""}), asLine(expected(3)));
   expectPublishersAlive();
 }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "diagnostics/diagnostics.hpp"
-#include "directory_test_support.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
 #include "support/system_accounts.hpp"
 

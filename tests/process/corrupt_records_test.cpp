@@ -218,7 +218,7 @@ TEST_F(CorruptRecordsTest, MutexOfAForeignKindIsReportedNotProbed) {
           scribble(&headerIn(segment)->livenessMutex, kind, lockWord);
           LogCapture capture("agent::spf::endpointregistry=512");
           try {
-            Endpoint::filterFromLocal(tag);
+            (void)Endpoint::filterFromLocal(tag);
             return 1;
           } catch (const std::runtime_error& error) {
             if (std::string(error.what()) != "System error: Endpoint::getState Mutex in undesired state (Return : 22)")

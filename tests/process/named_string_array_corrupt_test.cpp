@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "directory_test_support.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 

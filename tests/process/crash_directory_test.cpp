@@ -17,7 +17,7 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "directory_test_support.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
 #include "support/kill_points.hpp"
 #include "support/registry_state.hpp"
