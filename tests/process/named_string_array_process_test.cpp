@@ -12,9 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/kill_points.hpp"
+#include "support/text.hpp"
 
 namespace er::test {
 namespace {
@@ -25,7 +26,7 @@ const auto implementation = SharedMemory::ImplementationSpecifications{};
 
 // Names of varying length, so that the writers also widen and narrow the rows.
 std::string writerName(int process, int index) {
-  return "w" + std::to_string(process) + "-" + std::to_string(index) + "-" + std::string(index % 7, 'z');
+  return er::test::concat("w", std::to_string(process), "-", std::to_string(index), "-", std::string(index % 7, 'z'));
 }
 
 bool erasedByWriter(int index) { return index % 3 == 1; }

@@ -41,6 +41,7 @@
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 #include "support/system_accounts.hpp"
+#include "support/text.hpp"
 
 namespace registry = agent::spf::endpointregistry;
 using er::test::ChildProcess;
@@ -117,7 +118,7 @@ std::string currentIds() {
   std::vector<gid_t> ids(static_cast<std::size_t>(getgroups(0, nullptr)));
   ids.resize(static_cast<std::size_t>(getgroups(static_cast<int>(ids.size()), ids.data())));
   std::string text = "ids:";
-  for (std::size_t i = 0; i < ids.size(); ++i) text += (i == 0 ? "" : ",") + std::to_string(ids[i]);
+  for (std::size_t i = 0; i < ids.size(); ++i) text += er::test::concat(i == 0 ? "" : ",", std::to_string(ids[i]));
   return text;
 }
 
@@ -143,7 +144,7 @@ bool replaceGroupDatabase(const std::string& content) {
 std::string groupLine(const std::string& name, gid_t gid, std::size_t bytes = 0) {
   std::string line = name + ":x:" + std::to_string(gid) + ":";
   for (std::size_t i = 0; i * 101 < bytes; ++i) {
-    std::string member = "m" + std::to_string(i);
+    std::string member = er::test::concat("m", std::to_string(i));
     member.resize(100, 'x');
     line += (i == 0 ? "" : ",") + member;
   }

@@ -33,6 +33,7 @@
 #include "support/child_process.hpp"
 #include "support/shm_files.hpp"
 #include "support/system_accounts.hpp"
+#include "support/text.hpp"
 
 namespace agent::spf::endpointregistry {
 namespace {
@@ -82,7 +83,7 @@ class HealingTest : public ::testing::Test {
   void startPublisher(int index) {
     auto child = std::make_unique<ChildProcess>([this, index](ChildProcess& self) {
       if (!becomeTheUser()) return 3;
-      Endpoint endpoint = Endpoint::publish("p" + std::to_string(index), "1", tag);
+      Endpoint endpoint = Endpoint::publish(er::test::concat("p", std::to_string(index)), "1", tag);
       if (group) endpoint.addTrustees({group->name()});
       self.tellParent("published");
       for (auto line = self.readFromParent(60s); line && *line != "end"; line = self.readFromParent(60s)) {
@@ -96,7 +97,7 @@ class HealingTest : public ::testing::Test {
 
   Pairs expected(int count) const {
     Pairs pairs;
-    for (int i = 0; i < count; ++i) pairs.emplace_back("p" + std::to_string(i), "1");
+    for (int i = 0; i < count; ++i) pairs.emplace_back(er::test::concat("p", std::to_string(i)), "1");
     return pairs;
   }
 

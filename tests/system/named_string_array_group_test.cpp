@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "diagnostics/diagnostics.hpp"
-#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/system_accounts.hpp"
+#include "support/text.hpp"
 
 namespace er::test {
 namespace {
@@ -98,7 +99,7 @@ TEST(NamedStringArrayGroupTest, EachMemberRemovesThePreviousContainerWhoeverMade
 
   ASSERT_EQ(as(second,
                [](NamedStringArray& array) {
-                 for (int i = 0; i < 10; ++i) array.insert("b" + std::to_string(i));
+                 for (int i = 0; i < 10; ++i) array.insert(er::test::concat("b", std::to_string(i)));
                }),
             0);
   EXPECT_EQ(filesIn(cleanup.scope), registryFiles({"3"}));  // 11 entries: 20 rows
@@ -111,7 +112,7 @@ TEST(NamedStringArrayGroupTest, EachMemberRemovesThePreviousContainerWhoeverMade
 
   ASSERT_EQ(as(second,
                [](NamedStringArray& array) {
-                 for (int i = 0; i < 10; ++i) array.erase("b" + std::to_string(i));
+                 for (int i = 0; i < 10; ++i) array.erase(er::test::concat("b", std::to_string(i)));
                }),
             0);
   EXPECT_EQ(filesIn(cleanup.scope), registryFiles({"5"}));

@@ -8,6 +8,7 @@
 
 #include "support/directory_test_support.hpp"
 #include "support/log_capture.hpp"
+#include "support/text.hpp"
 
 namespace er::test {
 namespace {
@@ -111,7 +112,7 @@ TEST(NamedStringArrayTest, TenthEntryFitsAndEleventhDoublesTheRows) {
   NamedStringArray array(dir.name, 0, "");
   std::vector<std::string> names;
   for (int i = 0; i < 10; ++i) {
-    names.push_back("n" + std::to_string(i));
+    names.push_back(er::test::concat("n", std::to_string(i)));
     array.insert(names.back());
   }
   EXPECT_EQ(NamedStringArray::getDimensions(dir.name, 0, ""), std::make_pair(10ul, 4ul));
@@ -256,7 +257,7 @@ TEST(NamedStringArrayTest, ErasingAnEmptyListMatchesTheFirstFreeRow) {
 TEST(NamedStringArrayTest, ErasingAnEmptyListWithNoFreeRowIsNotFound) {
   TestDirectory dir;
   NamedStringArray array(dir.name, 0, "");
-  for (int i = 0; i < 10; ++i) array.insert("f" + std::to_string(i));
+  for (int i = 0; i < 10; ++i) array.insert(er::test::concat("f", std::to_string(i)));
   ASSERT_EQ(NamedStringArray::getDimensions(dir.name, 0, ""), std::make_pair(10ul, 4ul));
   LogCapture log(mainChannel + "=256");
   array.erase(Entry{});
