@@ -9,13 +9,18 @@
 // - bus/SIGKILL to name gone: a child owning a name is killed; this process
 //   asks NameHasOwner until the answer is no;
 // - bus/new process owns a name: a new process connects, owns a name and
-//   reports it, against the same program started to report at once.
+//   reports it, against the same program started to report at once;
+// - bus/RequestName to NameOwnerChanged, bus/ReleaseName to
+//   NameOwnerChanged, bus/SIGKILL to NameOwnerChanged: from the step until a
+//   second connection, subscribed to the signal, receives it (the watcher's
+//   counterparts in watch_bench.cpp).
 //
 // This program is its own helper: started as
 //   bus_bench --report                   it reports and ends;
 //   bus_bench --own-one ADDRESS NAME     it connects, owns NAME, reports, ends.
 #include <benchmark/benchmark.h>
 #include <systemd/sd-bus.h>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -158,6 +163,55 @@ class Connection {
   sd_bus* bus = nullptr;
 };
 
+// A connection subscribed to NameOwnerChanged: waits for the signal that
+// tells that a name got an owner, or lost it.
+class OwnerChangeListener {
+ public:
+  explicit OwnerChangeListener(const std::string& address) : connection(address) {
+    if (sd_bus_match_signal(connection.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                            "org.freedesktop.DBus", "NameOwnerChanged", &OwnerChangeListener::onSignal, this) < 0) {
+      throw std::runtime_error("AddMatch failed");
+    }
+  }
+  ~OwnerChangeListener() { sd_bus_slot_unref(slot); }
+  OwnerChangeListener(const OwnerChangeListener&) = delete;
+  OwnerChangeListener& operator=(const OwnerChangeListener&) = delete;
+
+  // Waits until `name` got an owner (`owned`) or lost it; false after 10 s.
+  bool await(const std::string& name, bool owned) {
+    wantedName = name;
+    wantOwned = owned;
+    seen = false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!seen && std::chrono::steady_clock::now() < deadline) {
+      const int processed = sd_bus_process(connection.get(), nullptr);
+      if (processed < 0) return false;
+      if (processed == 0 && !seen) sd_bus_wait(connection.get(), 10'000'000);
+    }
+    return seen;
+  }
+
+ private:
+  static int onSignal(sd_bus_message* message, void* self, sd_bus_error*) {
+    auto* listener = static_cast<OwnerChangeListener*>(self);
+    const char* name = nullptr;
+    const char* oldOwner = nullptr;
+    const char* newOwner = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
+    if (name != nullptr && listener->wantedName == name &&
+        (newOwner != nullptr && *newOwner != 0) == listener->wantOwned) {
+      listener->seen = true;
+    }
+    return 0;
+  }
+
+  Connection connection;
+  sd_bus_slot* slot = nullptr;
+  std::string wantedName;
+  bool wantOwned = false;
+  bool seen = false;
+};
+
 std::string busName(const std::string& what) {
   static long serial = 0;
   return "org.erbench." + what + ".p" + std::to_string(getpid()) + ".n" + std::to_string(serial++);
@@ -222,6 +276,66 @@ void killToNameGone(benchmark::State& state) {
   state.counters["listings"] = static_cast<double>(calls) / static_cast<double>(samples.size());
 }
 
+void ownerChange(benchmark::State& state, bool timeRelease) {
+  const std::string& address = busAddress();
+  Connection owner(address);
+  OwnerChangeListener listener(address);
+  Samples samples;
+  for (auto _ : state) {
+    const std::string name = busName("watched");
+    bool seen = false;
+    const auto request = [&] {
+      owner.requestName(name);
+      return listener.await(name, true);
+    };
+    const auto release = [&] {
+      owner.releaseName(name);
+      return listener.await(name, false);
+    };
+    if (timeRelease) {
+      seen = request();
+      samples.time(state, [&] { seen = release() && seen; });
+    } else {
+      samples.time(state, [&] { seen = request(); });
+      seen = release() && seen;
+    }
+    if (!seen) {
+      state.SkipWithError("NameOwnerChanged did not come");
+      break;
+    }
+  }
+  samples.report(state);
+}
+
+void killToOwnerChange(benchmark::State& state) {
+  const std::string& address = busAddress();
+  OwnerChangeListener listener(address);
+  Samples samples;
+  for (auto _ : state) {
+    const std::string name = busName("killedWatched");
+    erbench::ChildHolding child([&] {
+      auto connection = std::make_shared<Connection>(address);
+      connection->requestName(name);
+      return [connection] {};
+    });
+    if (!listener.await(name, true)) {
+      state.SkipWithError("the child's name did not appear");
+      break;
+    }
+    bool seen = false;
+    samples.time(state, [&] {
+      child.kill();
+      seen = listener.await(name, false);
+    });
+    child.letGo();
+    if (!seen) {
+      state.SkipWithError("NameOwnerChanged did not come");
+      break;
+    }
+  }
+  samples.report(state);
+}
+
 // Each iteration also times a bare start (the floor), side by side.
 void startAndOwnName(benchmark::State& state) {
   const std::string& address = busAddress();
@@ -238,6 +352,11 @@ void registerFigures(const Plan& plan) {
   }
   erbench::figure("bus/connection set-up", connectionSetUp, plan.iterations(1000));
   erbench::figure("bus/SIGKILL to name gone", killToNameGone, plan.iterations(200));
+  erbench::figure(
+      "bus/RequestName to NameOwnerChanged", [](auto& s) { ownerChange(s, false); }, plan.iterations(500));
+  erbench::figure(
+      "bus/ReleaseName to NameOwnerChanged", [](auto& s) { ownerChange(s, true); }, plan.iterations(500));
+  erbench::figure("bus/SIGKILL to NameOwnerChanged", killToOwnerChange, plan.iterations(200));
   erbench::figure("bus/floor/process start", erbench::timeBareStart, plan.iterations(200));
   erbench::figure("bus/new process owns a name", startAndOwnName, plan.iterations(200));
 }

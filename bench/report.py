@@ -98,6 +98,15 @@ def rows():
          "bus/new process owns a name"),
         ("SIGKILL of a publisher to gone from listing", "SIGKILL to gone from listing", const(KILL),
          "bus/SIGKILL to name gone"),
+        ("watcher: publish to its event", "watch/publish to event", None, "bus/RequestName to NameOwnerChanged"),
+        ("watcher: withdraw to its event", "watch/withdraw to event", None, "bus/ReleaseName to NameOwnerChanged"),
+        ("watcher: SIGKILL of a publisher to its event", "watch/SIGKILL to event", const(KILL),
+         "bus/SIGKILL to NameOwnerChanged"),
+        ("watcher: CPU time while idle for 10 s", "watch/idle CPU", None, None),
+    ]
+    table += [(f"watcher: one re-read after an event, N={n}", f"watch/re-read:{n}", None, None)
+              for n in SIZES if n != 100]
+    table += [
         ("record segments of 3 publishers removed to listed again", "healing/record segments removed", None, None),
         ("scope folder removed (rm -rf) to listed again", "healing/scope folder removed", None, None),
         ("hand-off to the work thread, back to back", "hand-off/held, back to back", const(HANDOFF), None),
@@ -111,6 +120,9 @@ def rows():
         ("bus: connection set-up", "bus/connection set-up", None, None),
         ("bus: new process owns a name", "bus/new process owns a name", paired_start, None),
         ("bus: SIGKILL of an owner to name gone", "bus/SIGKILL to name gone", const(KILL), None),
+        ("bus: RequestName to NameOwnerChanged", "bus/RequestName to NameOwnerChanged", None, None),
+        ("bus: ReleaseName to NameOwnerChanged", "bus/ReleaseName to NameOwnerChanged", None, None),
+        ("bus: SIGKILL of an owner to NameOwnerChanged", "bus/SIGKILL to NameOwnerChanged", const(KILL), None),
     ]
     table += [(f"floor: {name[len('floor/'):]}", name, None, None)
               for name in (READ, CREATE, HANDOFF, THREAD, START, KILL)]
@@ -189,6 +201,15 @@ def targets(figures):
             expected = first["median_ns"] + growth
             check(f"publication at N={n} ≤ 1.15× (publication at N=10 + growth of its directory work)",
                   entry["median_ns"] / expected, 1.15)
+    for name, bus_name in (("watch/publish to event", "bus/RequestName to NameOwnerChanged"),
+                           ("watch/withdraw to event", "bus/ReleaseName to NameOwnerChanged"),
+                           ("watch/SIGKILL to event", "bus/SIGKILL to NameOwnerChanged")):
+        mine, theirs = median(figures, name), median(figures, bus_name)
+        if mine and theirs:
+            check(f"{name[len('watch/'):]} ≤ 0.5× the bus's {bus_name[len('bus/'):]}", mine / theirs, 0.5)
+    idle = median(figures, "watch/idle CPU")
+    if idle is not None:
+        check("idle watcher: CPU time over its quiet spell (ms)", idle / 1e6, 1)
     for name in ("healing/record segments removed", "healing/scope folder removed"):
         healed = median(figures, name)
         if healed:

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <cerrno>
 #include <ctime>
 #include <stdexcept>
@@ -48,6 +49,13 @@ std::optional<int> waitForStopSignal(std::optional<std::chrono::milliseconds> ti
     if (errno == EAGAIN) return std::nullopt;
     if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "sigtimedwait");
   }
+}
+
+int stopSignalDescriptor() {
+  const sigset_t set = stopSignals();
+  const int fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+  return fd;
 }
 
 }  // namespace agent::spf::endpointregistry::tool

@@ -18,4 +18,9 @@ void blockStopSignals();
 // signal's number, or nothing when the time ran out.
 std::optional<int> waitForStopSignal(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
 
+// A signalfd that becomes readable when SIGINT or SIGTERM is pending (they
+// must be blocked, see blockStopSignals()), for an event loop. Owned by the
+// caller. Throws std::system_error when the kernel refuses one.
+int stopSignalDescriptor();
+
 }  // namespace agent::spf::endpointregistry::tool

@@ -1,18 +1,26 @@
 // endpointregistry watch [--group TAG] [--trustee T]... [--all-trustees]
 //                        [--interval MS] [--json]
 //
-// Lists every interval and prints the changes: "+ FIRST SECOND" for an
-// endpoint that appeared, "- FIRST SECOND" for one that disappeared (the
-// endpoints found by the first listing all appear). With --json each change
-// is one line {"event": "appeared" | "disappeared", "first", "second"}.
-// Runs until SIGINT or SIGTERM, then exits with status 0. Each listing also
-// clears away the records of publishers that died.
-#include <algorithm>
+// Prints the changes as they happen: "+ FIRST SECOND" for an endpoint that
+// appeared, "- FIRST SECOND" for one that disappeared (the endpoints live at
+// the start all appear). With --json each change is one line {"event":
+// "appeared" | "disappeared", "first", "second"}. Woken by the library's
+// Watcher (folder events, and the kernel's wake-up when a publisher dies):
+// nothing is polled. --interval MS adds a safety re-listing every MS
+// milliseconds, off by default. Runs until SIGINT or SIGTERM, then exits
+// with status 0. Like a listing, it clears away the records of publishers
+// that died.
+#include <poll.h>
+#include <unistd.h>
+#include <cerrno>
 #include <chrono>
 #include <iostream>
-#include <iterator>
 #include <memory>
+#include <optional>
 #include <set>
+#include <system_error>
+
+#include <endpointregistry/watcher.hpp>
 
 #include "command.hpp"
 #include "json_text.hpp"
@@ -28,35 +36,70 @@ using Pair = std::pair<std::string, std::string>;
 struct WatchOptions {
   std::string groupTag;
   TrusteeSelection selection;
-  unsigned intervalMilliseconds = 1000;
+  std::optional<unsigned> intervalMilliseconds;
   bool json = false;
 };
 
-void printChange(const WatchOptions& options, bool appeared, const Pair& pair) {
-  if (options.json) {
-    Json line = {{"event", appeared ? "appeared" : "disappeared"}};
-    addTexts(line, {{"first", &pair.first}, {"second", &pair.second}});
-    std::cout << dumpJson(line, -1) << '\n';
-  } else {
-    std::cout << (appeared ? "+ " : "- ") << displayText(pair.first) << ' ' << displayText(pair.second) << '\n';
+// The pairs shown so far; a change is printed only when it changes them, so
+// that a safety re-listing and the watcher never print one change twice.
+class Shown {
+ public:
+  explicit Shown(const WatchOptions& options) : options(options) {}
+
+  void change(bool appeared, const Pair& pair) {
+    if (appeared ? !pairs.insert(pair).second : pairs.erase(pair) == 0) return;
+    if (options.json) {
+      Json line = {{"event", appeared ? "appeared" : "disappeared"}};
+      addTexts(line, {{"first", &pair.first}, {"second", &pair.second}});
+      std::cout << dumpJson(line, -1) << '\n';
+    } else {
+      std::cout << (appeared ? "+ " : "- ") << displayText(pair.first) << ' ' << displayText(pair.second) << '\n';
+    }
   }
-}
+
+  // Prints the difference between what is shown and a full listing.
+  void relist(const std::vector<Pair>& listed) {
+    const std::set<Pair> now(listed.begin(), listed.end());
+    const std::set<Pair> before = pairs;
+    for (const Pair& pair : before) {
+      if (now.count(pair) == 0) change(false, pair);
+    }
+    for (const Pair& pair : now) change(true, pair);
+  }
+
+ private:
+  const WatchOptions& options;
+  std::set<Pair> pairs;
+};
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd(fd) {}
+  ~Descriptor() { close(fd); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  const int fd;
+};
 
 int runWatch(const WatchOptions& options) {
   blockStopSignals();
-  std::set<Pair> shown;
+  const Descriptor stop(stopSignalDescriptor());
+  Watcher watcher(options.groupTag, options.selection.resolve());
+  Shown shown(options);
   for (;;) {
-    const auto listed = listEndpoints(options.groupTag, options.selection);
-    const std::set<Pair> current(listed.begin(), listed.end());
-    std::vector<Pair> gone;
-    std::vector<Pair> added;
-    std::set_difference(shown.begin(), shown.end(), current.begin(), current.end(), std::back_inserter(gone));
-    std::set_difference(current.begin(), current.end(), shown.begin(), shown.end(), std::back_inserter(added));
-    for (const Pair& pair : gone) printChange(options, false, pair);
-    for (const Pair& pair : added) printChange(options, true, pair);
+    for (const EndpointChange& event : watcher.changes()) {
+      shown.change(event.kind == EndpointChange::Appeared, event.data);
+    }
     std::cout.flush();
-    shown = current;
-    if (waitForStopSignal(std::chrono::milliseconds(options.intervalMilliseconds))) return Success;
+    pollfd waits[2] = {{stop.fd, POLLIN, 0}, {watcher.fileDescriptor(), POLLIN, 0}};
+    const int timeout = options.intervalMilliseconds ? static_cast<int>(*options.intervalMilliseconds) : -1;
+    const int ready = poll(waits, 2, timeout);
+    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+    if ((waits[0].revents & POLLIN) != 0) return Success;
+    if (ready == 0) {
+      shown.relist(listEndpoints(options.groupTag, options.selection));
+      std::cout.flush();
+    }
   }
 }
 
@@ -67,7 +110,10 @@ void addWatchCommand(CLI::App& app, CommandRun& run) {
   CLI::App* command = app.add_subcommand("watch", "Print endpoints as they appear and disappear, until interrupted");
   command->add_option("--group", options->groupTag, "Only endpoints of this group tag")->type_name("TAG");
   options->selection.addOptions(*command);
-  command->add_option("--interval", options->intervalMilliseconds, "Milliseconds between listings (default 1000)")
+  command
+      ->add_option("--interval", options->intervalMilliseconds,
+                   "Also list everything again every MS milliseconds, as a safety net (off by default: changes are "
+                   "reported as they happen)")
       ->type_name("MS")
       ->check(CLI::Range(1u, 3'600'000u));
   command->add_flag("--json", options->json, "Write one JSON object per change and line");

@@ -10,6 +10,7 @@
 
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
+#include "discovery/record_listing.hpp"
 #include "endpoint/endpoint_impl.hpp"
 #include "endpoint/registry_operation.hpp"
 #include "record/record_reader.hpp"
@@ -51,13 +52,12 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
 
 }  // namespace
 
-DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
-  if (trustees.empty()) return {};
+std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::set<std::string>& trustees) {
+  std::vector<ListedRecord> records;
+  if (trustees.empty()) return records;
   RegistryOperation operation;
-  // The set de-duplicates (one endpoint under several trustees) and sorts.
-  std::set<std::pair<std::string, std::string>> pairs;
   for (const std::string& trustee : trustees) {
-    const std::vector<std::string> names = Impl::filterNames(groupTag, trustee);
+    const std::vector<std::string> names = Endpoint::Impl::filterNames(groupTag, trustee);
     // Reading the records needs no work thread: it goes right after the
     // last directory is read, while it is still awake.
     if (trustee == *trustees.rbegin()) operation.releaseWorkThread();
@@ -65,10 +65,17 @@ DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> tr
     for (const std::string& name : names) {
       RecordRead read = reader.read(RecordName(name));
       if (read.data.first.empty() && read.data.second.empty()) continue;
-      pairs.insert(std::move(read.data));
+      records.push_back(ListedRecord{trustee, name, std::move(read.data)});
     }
     sweepUnlistedRecords(groupTag, names, reader);
   }
+  return records;
+}
+
+DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
+  // The set de-duplicates (one endpoint under several trustees) and sorts.
+  std::set<std::pair<std::string, std::string>> pairs;
+  for (ListedRecord& record : listRecords(groupTag, trustees)) pairs.insert(std::move(record.data));
   DataPairs result;
   result.reserve(pairs.size());
   while (!pairs.empty()) result.push_back(std::move(pairs.extract(pairs.begin()).value()));

@@ -30,6 +30,8 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, 
       livenessLock(getLivenessLock()),
       directoryEntry(name, trustee),
       data(data) {
+  // Named and live: watchers of the scope folder hear of it now.
+  sharedMemory.touch();
   // From now on the process heals the record when it is lost.
   watch = healing::watchRecord(trustee, name);
   try {

@@ -73,7 +73,11 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
   // or when the segment cannot be made; the record then keeps what it had.
   void republish(bool oldIntact);
   // Names the record again in its trustee's directory unless it is there.
-  bool restoreName() const { return directoryEntry.restore(); }
+  bool restoreName() const {
+    const bool restored = directoryEntry.restore();
+    sharedMemory.touch();
+    return restored;
+  }
   // The lane whose work thread holds the record's lock.
   const WorkQueue* lane() const noexcept { return livenessLock.lane(); }
   const std::string& recordNameText() const noexcept { return name; }

@@ -85,6 +85,8 @@ void Endpoint::Impl::republish(bool oldIntact) {
 
   std::swap(sharedMemory, fresh);
   std::swap(livenessLock, lock);
+  // Watchers of the folder saw the new segment appear before it was live.
+  sharedMemory.touch();
   healing::unwatchRecord(watch);
   watch = healing::watchRecord(trustee, name);
   if (oldIntact) {

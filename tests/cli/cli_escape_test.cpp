@@ -84,7 +84,7 @@ TEST_F(CliEscapeTest, JsonKeepsValidUtf8ExactlyAndEscapesItsControlCharacters) {
 }
 
 TEST_F(CliEscapeTest, WatchEscapesToo) {
-  auto watcher = start({"watch", "--group", tag, "--interval", "20"});
+  auto watcher = start({"watch", "--group", tag});
   auto publisher = start({"publish",
                           "\xe2\x80\xae"
                           "abc",

@@ -216,6 +216,19 @@ SharedMemory::NameState SharedMemory::nameState() const noexcept {
   }
 }
 
+void SharedMemory::touch() const noexcept {
+  if (!isAttached()) return;
+  try {
+    if (const detail::SharedFolder trusted = detail::trustedScopeFolder(scopePath_)) {
+      (void)utimensat(trusted->get(), name_.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    } else {
+      (void)utimensat(AT_FDCWD, (scopePath_ + "/" + name_).c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    }
+  } catch (...) {
+    // No memory for the path: nobody hears of it.
+  }
+}
+
 std::string scopeFolderPath(const std::string& trustee) {
   Scope scope;
   return detail::resolveScope(trustee, scope).ok() ? scope.path : std::string();

@@ -115,6 +115,12 @@ class SharedMemory {
   };
   NameState nameState() const noexcept;
 
+  // Sets the times of the file that the segment's name names to now, so
+  // that inotify watchers of its scope folder hear of the segment
+  // (IN_ATTRIB). Does nothing for an unattached handle or when the name
+  // names nothing. Never blocks, never throws.
+  void touch() const noexcept;
+
  private:
   enum class OpenMode : unsigned char;
   // The work of create(), find() and createOrFind(); logs any failure.

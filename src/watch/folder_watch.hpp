@@ -1,0 +1,57 @@
+// inotify on the scope folders of a set of trustees: what tells a Watcher
+// that records were created, touched (a publisher touches its record once
+// it is named) or removed.
+//
+// A trustee's folder that does not exist yet (nothing published so far), or
+// that is removed, is waited for through a watch on /dev/shm, kept only
+// while some folder is missing. A trustee that is no group, or whose folder
+// the user may not read, is not watched.
+//
+// Thread safety: one thread at a time. Fork: a child's copy shares the
+// parent's inotify instance; it may only be destroyed there.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace agent::spf::endpointregistry::watch {
+
+class FolderWatch {
+ public:
+  // Starts watching the trustees' folders. Throws std::system_error when
+  // the kernel refuses an inotify instance.
+  explicit FolderWatch(const std::set<std::string>& trustees);
+  ~FolderWatch();
+  FolderWatch(const FolderWatch&) = delete;
+  FolderWatch& operator=(const FolderWatch&) = delete;
+
+  // Readable when events wait.
+  int fd() const noexcept { return inotifyFd; }
+
+  // What drain() found.
+  struct Drained {
+    bool changed = false;     // something in a watched folder, or a folder, changed
+    bool overflowed = false;  // events were lost: any segment may have been replaced
+    // Names created or removed in a folder, by trustee: segments that may now
+    // be other files than before.
+    std::set<std::pair<std::string, std::string>> replaced;
+  };
+
+  // Reads every waiting event without blocking, and watches folders that
+  // appeared. An overflowed queue counts as a change.
+  Drained drain();
+
+ private:
+  void watchFolders();
+  void watchRoot(bool wanted);
+
+  int inotifyFd = -1;
+  int rootWatch = -1;
+  std::map<std::string, std::string> folderOf;  // trustee -> scope folder path
+  std::map<int, std::string> trusteeOfWatch;    // watch descriptor -> trustee
+  std::set<std::string> missing;                // trustees whose folder is not watched
+};
+
+}  // namespace agent::spf::endpointregistry::watch

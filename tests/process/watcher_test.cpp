@@ -1,0 +1,364 @@
+// The Watcher with real publishers: appearing, withdrawing and SIGKILLed
+// publishers wake its descriptor; its events, applied in order, give the
+// listing; two watchers, churn, an overflowed event queue, a fork, and an
+// idle watcher that makes no wake-ups.
+#include <endpointregistry/watcher.hpp>
+
+#include <dirent.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <endpointregistry/endpoint.hpp>
+
+#include "directory/segment_names.hpp"
+#include "support/child_process.hpp"
+#include "support/registry_cleanup.hpp"
+#include "support/shm_files.hpp"
+#include "support/text.hpp"
+
+namespace registry = agent::spf::endpointregistry;
+using er::test::ChildProcess;
+using registry::Endpoint;
+using registry::EndpointChange;
+using registry::RecordChange;
+using registry::Watcher;
+using namespace std::chrono_literals;
+using Pair = std::pair<std::string, std::string>;
+using Pairs = std::vector<Pair>;
+
+namespace {
+
+// How long a test waits for what must come at once.
+constexpr auto patience = 10s;
+
+bool readable(int fd, std::chrono::milliseconds timeout) {
+  pollfd wanted{fd, POLLIN, 0};
+  return poll(&wanted, 1, static_cast<int>(timeout.count())) == 1;
+}
+
+// Applies events to a set as a client would.
+void applyEvents(std::set<Pair>& listed, const std::vector<EndpointChange>& events) {
+  for (const EndpointChange& event : events) {
+    if (event.kind == EndpointChange::Appeared) {
+      EXPECT_TRUE(listed.insert(event.data).second) << "appeared twice: " << event.data.first;
+    } else {
+      EXPECT_EQ(listed.erase(event.data), 1u) << "disappeared unseen: " << event.data.first;
+    }
+  }
+}
+
+Pairs asPairs(const std::set<Pair>& set) { return Pairs(set.begin(), set.end()); }
+
+// A child that publishes "<name> 1" on "publish <name>", withdraws on
+// "withdraw <name>", and answers each with "ok".
+std::unique_ptr<ChildProcess> startPublisher(const std::string& tag) {
+  return std::make_unique<ChildProcess>([tag](ChildProcess& self) {
+    std::map<std::string, Endpoint> held;
+    self.tellParent("ready");
+    for (;;) {
+      const std::optional<std::string> line = self.readFromParent(60s);
+      if (!line || *line == "exit") return 0;
+      std::istringstream words(*line);
+      std::string verb;
+      std::string name;
+      std::string otherTag;
+      words >> verb >> name >> otherTag;
+      if (verb == "publish")
+        held.emplace(name + otherTag, Endpoint::publish(name, "1", otherTag.empty() ? tag : otherTag));
+      if (verb == "withdraw") held.erase(name + otherTag);
+      self.tellParent("ok");
+    }
+  });
+}
+
+class WatcherTest : public ::testing::Test {
+ protected:
+  const std::string tag = er::test::uniqueName("watch");
+  er::test::RegistryCleanup cleanup{tag};
+
+  void order(ChildProcess& publisher, const std::string& line) {
+    publisher.tellChild(line);
+    ASSERT_EQ(publisher.readFromChild(), "ok") << line;
+  }
+
+  static void stop(ChildProcess& publisher) {
+    publisher.tellChild("exit");
+    EXPECT_EQ(publisher.wait(), 0);
+  }
+};
+
+TEST_F(WatcherTest, FirstCallListsEveryLiveEndpointAndThenNothing) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish a");
+  order(*publisher, "publish b");
+  Watcher watcher(tag, {""});
+  EXPECT_EQ(watcher.changes(), (std::vector<EndpointChange>{{EndpointChange::Appeared, {"a", "1"}},
+                                                            {EndpointChange::Appeared, {"b", "1"}}}));
+  EXPECT_TRUE(watcher.changes().empty());
+  EXPECT_FALSE(readable(watcher.fileDescriptor(), 0ms));
+  stop(*publisher);
+}
+
+TEST_F(WatcherTest, PublicationAndWithdrawalWakeTheDescriptor) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  Watcher watcher(tag, {""});
+  EXPECT_TRUE(watcher.changes().empty());
+  order(*publisher, "publish x");
+  ASSERT_TRUE(readable(watcher.fileDescriptor(), patience));
+  EXPECT_EQ(watcher.waitForChanges(patience), (std::vector<EndpointChange>{{EndpointChange::Appeared, {"x", "1"}}}));
+  order(*publisher, "withdraw x");
+  ASSERT_TRUE(readable(watcher.fileDescriptor(), patience));
+  EXPECT_EQ(watcher.waitForChanges(patience), (std::vector<EndpointChange>{{EndpointChange::Disappeared, {"x", "1"}}}));
+  publisher->tellChild("exit");
+  EXPECT_EQ(publisher->wait(), 0);
+}
+
+// A killed publisher wakes the descriptor through its record's mutex, with
+// no timer, and its record is cleared away by the read.
+TEST_F(WatcherTest, KilledPublisherWakesTheDescriptor) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish doomed");
+  Watcher watcher(tag, {""});
+  EXPECT_EQ(watcher.changes().size(), 1u);
+  publisher->kill(SIGKILL);
+  EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
+  ASSERT_TRUE(readable(watcher.fileDescriptor(), patience));
+  EXPECT_EQ(watcher.changes(), (std::vector<EndpointChange>{{EndpointChange::Disappeared, {"doomed", "1"}}}));
+  EXPECT_TRUE(Endpoint::filter(tag).empty());
+  EXPECT_TRUE(er::test::filesIn(er::test::userScope(), registry::groupPrefix(tag)).empty());
+}
+
+TEST_F(WatcherTest, TwoWatchersBothSeeADeath) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish shared");
+  Watcher first(tag, {""});
+  Watcher second(tag, {""});
+  EXPECT_EQ(first.changes().size(), 1u);
+  EXPECT_EQ(second.changes().size(), 1u);
+  publisher->kill(SIGKILL);
+  EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
+  const std::vector<EndpointChange> gone{{EndpointChange::Disappeared, {"shared", "1"}}};
+  EXPECT_EQ(first.waitForChanges(patience), gone);
+  EXPECT_EQ(second.waitForChanges(patience), gone);
+}
+
+// The same data under two tags are two records: withdrawing one is a record
+// event while the pair stays listed.
+TEST_F(WatcherTest, RecordsAreSeenApartFromPairs) {
+  const std::string otherTag = tag + "-other";
+  er::test::RegistryCleanup otherCleanup{otherTag};
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish same");
+  order(*publisher, "publish same " + otherTag);
+  Watcher watcher("", {""});
+  const auto ofOurs = [&](std::vector<RecordChange> changes) {
+    std::vector<RecordChange> ours;
+    for (RecordChange& change : changes) {
+      if (change.data.first == "same") ours.push_back(std::move(change));
+    }
+    return ours;
+  };
+  const std::vector<RecordChange> first = ofOurs(watcher.recordChanges());
+  ASSERT_EQ(first.size(), 2u);
+  std::set<std::string> hashes;
+  for (const RecordChange& change : first) {
+    EXPECT_EQ(change.kind, EndpointChange::Appeared);
+    EXPECT_EQ(change.trustee, "");
+    EXPECT_EQ(change.publisherPid, static_cast<unsigned long>(publisher->pid()));
+    EXPECT_EQ(change.recordName.rfind("qzER" + change.groupTagHash, 0), 0u);
+    EXPECT_LE(change.appearedAt, std::chrono::system_clock::now());
+    hashes.insert(change.groupTagHash);
+  }
+  EXPECT_EQ(hashes,
+            (std::set<std::string>{registry::groupPrefix(tag).substr(4), registry::groupPrefix(otherTag).substr(4)}));
+  // The pair level saw one pair.
+  std::vector<EndpointChange> pairs;
+  for (const EndpointChange& change : watcher.changes()) {
+    if (change.data.first == "same") pairs.push_back(change);
+  }
+  EXPECT_EQ(pairs, (std::vector<EndpointChange>{{EndpointChange::Appeared, {"same", "1"}}}));
+
+  order(*publisher, "withdraw same " + otherTag);
+  ASSERT_TRUE(readable(watcher.fileDescriptor(), patience));
+  const std::vector<RecordChange> second = ofOurs(watcher.waitForRecordChanges(patience));
+  ASSERT_EQ(second.size(), 1u);
+  EXPECT_EQ(second[0].kind, EndpointChange::Disappeared);
+  EXPECT_EQ(second[0].groupTagHash, registry::groupPrefix(otherTag).substr(4));
+  for (const EndpointChange& change : watcher.changes()) EXPECT_NE(change.data.first, "same");
+  publisher->tellChild("exit");
+  EXPECT_EQ(publisher->wait(), 0);
+}
+
+// Eight processes publish and withdraw at random while the watcher reads
+// now and then; once they rest, the events applied give the listing.
+TEST_F(WatcherTest, ChurnByEightProcessesEndsExact) {
+  std::vector<std::unique_ptr<ChildProcess>> churners;
+  for (int process = 0; process < 8; ++process) {
+    churners.push_back(std::make_unique<ChildProcess>([this, process](ChildProcess& self) {
+      std::mt19937 random(static_cast<unsigned>(process));
+      std::map<int, Endpoint> held;
+      self.tellParent("ready");
+      for (int step = 0; step < 300; ++step) {
+        const int which = static_cast<int>(random() % 10);
+        if (held.count(which) != 0) {
+          held.erase(which);
+        } else {
+          held.emplace(which,
+                       Endpoint::publish(er::test::concat("c", std::to_string(process)), std::to_string(which), tag));
+        }
+      }
+      self.tellParent("resting");
+      (void)self.readFromParent(60s);
+      return 0;
+    }));
+  }
+  for (auto& churner : churners) ASSERT_EQ(churner->readFromChild(), "ready");
+  Watcher watcher(tag, {""});
+  std::set<Pair> listed;
+  std::size_t resting = 0;
+  while (resting < churners.size()) {
+    applyEvents(listed, watcher.waitForChanges(5ms));
+    for (auto& churner : churners) {
+      if (churner->readFromChild(0ms) == std::optional<std::string>("resting")) ++resting;
+    }
+  }
+  applyEvents(listed, watcher.changes());
+  EXPECT_EQ(asPairs(listed), Endpoint::filter(tag));
+  for (auto& churner : churners) {
+    churner->tellChild("exit");
+    EXPECT_EQ(churner->wait(), 0);
+  }
+  applyEvents(listed, watcher.waitForChanges(patience));
+  while (!listed.empty()) {
+    const std::vector<EndpointChange> events = watcher.waitForChanges(patience);
+    ASSERT_FALSE(events.empty()) << listed.size() << " pairs never went";
+    applyEvents(listed, events);
+  }
+  EXPECT_TRUE(Endpoint::filter(tag).empty());
+}
+
+// More events than the kernel queues while the watcher does not read: the
+// queue overflows, and the next read is still exact.
+TEST_F(WatcherTest, OverflowedEventQueueStillEndsExact) {
+  unsigned long queueLimit = 16384;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> queueLimit;
+  if (queueLimit > 100000) GTEST_SKIP() << "the event queue holds " << queueLimit << " events";
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish stays");
+  Watcher watcher(tag, {""});
+  std::set<Pair> listed;
+  applyEvents(listed, watcher.changes());
+  ChildProcess churner([this, queueLimit](ChildProcess& self) {
+    // Each publication and withdrawal makes three events or more. The kept
+    // endpoint keeps the work thread between them.
+    const Endpoint keeper = Endpoint::publish("keeper", "1", tag);
+    for (unsigned long i = 0; i < queueLimit / 3 + 100; ++i) {
+      const Endpoint passing = Endpoint::publish("passing", std::to_string(i % 7), tag);
+    }
+    const Endpoint last = Endpoint::publish("last", "1", tag);
+    self.tellParent("done");
+    (void)self.readFromParent(60s);
+    return 0;
+  });
+  ASSERT_EQ(churner.readFromChild(120s), "done");
+  applyEvents(listed, watcher.changes());
+  const Pairs expected{{"keeper", "1"}, {"last", "1"}, {"stays", "1"}};
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  EXPECT_EQ(asPairs(listed), expected);
+  churner.tellChild("exit");
+  EXPECT_EQ(churner.wait(), 0);
+  stop(*publisher);
+}
+
+// A child forked from a process that holds a watcher may not use it, may
+// destroy it, and watches with a new one; the parent's keeps working.
+TEST_F(WatcherTest, ForkedChildMakesItsOwnWatcher) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish before");
+  auto watcher = std::make_unique<Watcher>(tag, std::set<std::string>{""});
+  EXPECT_EQ(watcher->changes().size(), 1u);
+  ChildProcess child([&](ChildProcess&) {
+    try {
+      (void)watcher->changes();
+      return 1;
+    } catch (const std::logic_error&) {
+    }
+    watcher.reset();
+    Watcher own(tag, {""});
+    return own.changes() == std::vector<EndpointChange>{{EndpointChange::Appeared, {"before", "1"}}} ? 0 : 2;
+  });
+  EXPECT_EQ(child.wait(), 0);
+  order(*publisher, "publish after");
+  EXPECT_EQ(watcher->waitForChanges(patience),
+            (std::vector<EndpointChange>{{EndpointChange::Appeared, {"after", "1"}}}));
+  publisher->kill(SIGKILL);
+  EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
+  EXPECT_EQ(watcher->waitForChanges(patience).size(), 2u);
+}
+
+// The sum of the context switches of every thread of `pid`.
+unsigned long contextSwitches(pid_t pid) {
+  unsigned long total = 0;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  DIR* folder = opendir(tasks.c_str());
+  if (folder == nullptr) return 0;
+  while (const dirent* entry = readdir(folder)) {
+    if (entry->d_name[0] == '.') continue;
+    std::ifstream status(tasks + "/" + entry->d_name + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
+        total += std::stoul(line.substr(line.find(':') + 1));
+      }
+    }
+  }
+  closedir(folder);
+  return total;
+}
+
+// A watcher with live records and nothing changing makes no wake-ups: the
+// context switches of its process's threads do not grow over 5 seconds.
+TEST_F(WatcherTest, AnIdleWatcherMakesNoWakeUps) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  for (int i = 0; i < 3; ++i) order(*publisher, er::test::concat("publish idle", std::to_string(i)));
+  ChildProcess watching([this](ChildProcess& self) {
+    Watcher watcher(tag, {""});
+    if (watcher.changes().size() != 3) return 2;
+    self.tellParent("watching");
+    // Blocks on the pipe from the parent meanwhile.
+    const std::optional<std::string> line = self.readFromParent(60s);
+    return line == std::optional<std::string>("stop") && watcher.changes().empty() ? 0 : 3;
+  });
+  ASSERT_EQ(watching.readFromChild(), "watching");
+  // Let the threads settle into their waits, then measure a quiet spell.
+  std::this_thread::sleep_for(200ms);
+  const unsigned long before = contextSwitches(watching.pid());
+  std::this_thread::sleep_for(5s);
+  const unsigned long after = contextSwitches(watching.pid());
+  EXPECT_EQ(after, before);
+  watching.tellChild("stop");
+  EXPECT_EQ(watching.wait(), 0);
+  stop(*publisher);
+}
+
+}  // namespace
