@@ -73,9 +73,12 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
   // or when the segment cannot be made; the record then keeps what it had.
   void republish(bool oldIntact);
   // Names the record again in its trustee's directory unless it is there.
+  // Names the record again; watchers of the folder hear of it when it was
+  // missing (the touch also reaches this process's own watch once: the
+  // healer then finds the name in place).
   bool restoreName() const {
     const bool restored = directoryEntry.restore();
-    sharedMemory.touch();
+    if (restored) sharedMemory.touch();
     return restored;
   }
   // The lane whose work thread holds the record's lock.

@@ -5,9 +5,11 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
+#include <thread>
 
 namespace er::test {
 namespace {
@@ -17,10 +19,19 @@ std::string uniqueName(const char* kind) {
   return std::string("ert") + kind + std::to_string(getpid()) + "x" + std::to_string(counter++);
 }
 
-void run(const std::string& command) {
-  if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
-    throw std::runtime_error("command failed: " + command);
+// Runs an account command (groupadd, useradd, ...); true when it succeeded.
+// Tests run side by side, and these commands fail while another one holds
+// the account files' lock: such a failure is tried again, for up to 5 s.
+bool tryRun(const std::string& command) {
+  for (int attempt = 0; attempt < 250; ++attempt) {
+    if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+  return false;
+}
+
+void run(const std::string& command) {
+  if (!tryRun(command)) throw std::runtime_error("command failed: " + command);
 }
 
 }  // namespace
@@ -39,7 +50,7 @@ TemporaryGroup::TemporaryGroup(const std::vector<std::string>& members) : name_(
   gid_ = entry->gr_gid;
 }
 
-TemporaryGroup::~TemporaryGroup() { (void)std::system(("groupdel " + name_ + " >/dev/null 2>&1").c_str()); }
+TemporaryGroup::~TemporaryGroup() { (void)tryRun("groupdel " + name_); }
 
 TemporaryUser::TemporaryUser() : name_(uniqueName("u")) {
   run("useradd -M -N -g nogroup -s /usr/sbin/nologin " + name_);
@@ -49,7 +60,7 @@ TemporaryUser::TemporaryUser() : name_(uniqueName("u")) {
   gid_ = entry->pw_gid;
 }
 
-TemporaryUser::~TemporaryUser() { (void)std::system(("userdel " + name_ + " >/dev/null 2>&1").c_str()); }
+TemporaryUser::~TemporaryUser() { (void)tryRun("userdel " + name_); }
 
 bool becomeUser(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
   if (setgroups(groups.size(), groups.data()) != 0) return false;

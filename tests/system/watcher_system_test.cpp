@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <endpointregistry/endpoint.hpp>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -117,6 +118,9 @@ TEST_F(WatcherSystemTest, OwnScopeFolderMadeAfterTheWatcherStarts) {
   publisher.tellChild("withdraw");
   EXPECT_EQ(publisher.wait(), 0);
   EXPECT_EQ(watching.wait(), 0);
+  // The user's scope folder goes with the user: a later user of the same
+  // uid starts without one.
+  std::filesystem::remove_all("/dev/shm/u" + std::to_string(user.uid()));
 }
 
 }  // namespace
