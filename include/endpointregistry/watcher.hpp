@@ -64,9 +64,11 @@ struct ENDPOINTREGISTRY_EXPORT EndpointChange {
 struct ENDPOINTREGISTRY_EXPORT RecordChange {
   EndpointChange::Kind kind = EndpointChange::Appeared;
   std::pair<std::string, std::string> data;
-  std::string trustee;       // "" for the user's own scope
-  std::string recordName;    // the record's segment name
-  std::string groupTagHash;  // the tag's hash as the record name holds it (tags are not stored)
+  std::string trustee;     // "" for the user's own scope
+  std::string recordName;  // the record's segment name
+  // The tag's hash as the record name holds it, in hexadecimal without
+  // leading zeros (tags are not stored): equal for equal tags.
+  std::string groupTagHash;
   // The publisher's process id in its own pid namespace, as its record
   // names it: meaningful only to processes of that namespace.
   unsigned long publisherPid = 0;

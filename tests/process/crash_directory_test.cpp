@@ -17,8 +17,8 @@
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
-#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/kill_points.hpp"
 #include "support/registry_state.hpp"
 #include "support/shm_files.hpp"

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "support/directory_test_support.hpp"
 #include "support/child_process.hpp"
+#include "support/directory_test_support.hpp"
 #include "support/log_capture.hpp"
 
 namespace er::test {

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -285,13 +286,14 @@ TEST(WorkQueueTest, AnApplicationPinningTheThreadKeepsItPinned) {
   for (pid_t tid : threadIds()) {
     if (before.count(tid) == 0) started.insert(tid);
   }
-  ASSERT_EQ(started.size(), 1u);
+  // The work thread, and any thread a sanitizer's runtime started meanwhile.
+  ASSERT_GE(started.size(), 1u);
   int last = CPU_SETSIZE - 1;
   while (last >= 0 && !CPU_ISSET(last, &mine)) --last;
   cpu_set_t one;
   CPU_ZERO(&one);
   CPU_SET(last, &one);
-  ASSERT_EQ(sched_setaffinity(*started.begin(), sizeof one, &one), 0);
+  for (pid_t tid : started) ASSERT_TRUE(sched_setaffinity(tid, sizeof one, &one) == 0 || errno == ESRCH);
   for (int i = 0; i < 3; ++i) {
     const cpu_set_t seen = workThreadCpus(guard);
     EXPECT_TRUE(CPU_EQUAL(&seen, &one));
