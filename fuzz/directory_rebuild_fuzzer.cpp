@@ -8,7 +8,8 @@
 // address sanitizer reports any read or write beyond them. A row is well
 // formed as the registry's are: one string, beginning with "qzER", ending
 // inside the row. Checked, with one more entry of room asked for:
-//   - every live name is in the rebuilt directory, exactly once;
+//   - every live name is in the rebuilt directory, exactly once, but the
+//     entry being inserted, which is left to its insertion;
 //   - every entry there is a live name or a well-formed row of the old one;
 //   - no entry is there twice, and one free row is left;
 //   - the rebuilt rows are read back exactly as planned.
@@ -76,7 +77,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(wellFormedOld.count(entry) != 0 || std::find(live.begin(), live.end(), entry) != live.end(),
           "every entry is a live name or a well-formed old row");
   }
-  for (const Entry& name : live) check(planned.count(name) == 1, "every live name is kept");
+  // The entry being inserted is left to its insertion, even when it is live.
+  for (const Entry& name : live) {
+    if (name == extra) continue;
+    check(planned.count(name) == 1, "every live name is kept");
+  }
+  check(planned.count(extra) == wellFormedOld.count(extra), "the entry being inserted comes only from the old rows");
   check(plan->rowCount >= plan->entries.size() + 1, "one row is left for the entry being inserted");
 
   auto freshBytes = std::make_unique<unsigned char[]>(plan->rowCount * plan->rowWidth);

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <ctime>
@@ -16,10 +17,15 @@
 namespace agent::spf::endpointregistry::watch {
 
 struct DeathWatch::Waiter {
+  // The assignment, under `mutex`: the words, and the values to wait for.
+  std::mutex mutex;
   std::vector<std::uint32_t*> words;
-  std::vector<futex_waitv> waits;  // one per word, then the control word
+  std::vector<std::uint32_t> expected;
+  // Changed (and woken) for each new assignment and to stop the thread.
   std::atomic<std::uint32_t> control{0};
-  std::atomic<bool> ended{false};
+  std::atomic<bool> quit{false};
+  // The thread was woken by one of its words and waits for new ones.
+  std::atomic<bool> parked{false};
   int notifyFd = -1;
   pthread_t thread{};
 };
@@ -33,6 +39,10 @@ constexpr std::size_t waiterStackBytes = 256 * 1024;
 
 long waitOnAny(futex_waitv* waits, std::size_t count) noexcept {
   return syscall(SYS_futex_waitv, waits, static_cast<unsigned>(count), 0u, nullptr, CLOCK_MONOTONIC);
+}
+
+void wakeControl(std::atomic<std::uint32_t>& control) noexcept {
+  syscall(SYS_futex, &control, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void tell(int fd) noexcept {
@@ -61,23 +71,53 @@ bool prepareWait(std::uint32_t* word, std::uint32_t& expected) noexcept {
 
 void* runWaiter(void* argument) {
   auto* waiter = static_cast<DeathWatch::Waiter*>(argument);
-  const std::size_t controlIndex = waiter->words.size();
+  std::vector<futex_waitv> waits;
+  std::vector<std::uint32_t*> words;
   for (;;) {
-    const long woken = waitOnAny(waiter->waits.data(), waiter->waits.size());
-    const int error = errno;
-    if (waiter->control.load(std::memory_order_acquire) != 0) return nullptr;
-    if (woken < 0 && error == EINTR) continue;
-    if (woken >= 0 && static_cast<std::size_t>(woken) == controlIndex) continue;
-    if (woken >= 0) {
-      // The kernel wakes one waiter of a dead holder's word: the others
-      // (other watchers) are woken here.
-      syscall(SYS_futex, waiter->words[static_cast<std::size_t>(woken)], FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    std::uint32_t generation = 0;
+    {
+      std::lock_guard<std::mutex> lock(waiter->mutex);
+      generation = waiter->control.load(std::memory_order_acquire);
+      words = waiter->words;
+      waits.clear();
+      for (std::size_t i = 0; i < words.size(); ++i) {
+        futex_waitv wait{};
+        wait.val = waiter->expected[i];
+        wait.uaddr = reinterpret_cast<std::uintptr_t>(words[i]);
+        wait.flags = FUTEX_32;
+        waits.push_back(wait);
+      }
     }
-    // Woken, or a word changed before the wait began (EAGAIN), or can no
-    // longer be read (EFAULT): the registry is to be read again.
-    waiter->ended.store(true, std::memory_order_release);
-    tell(waiter->notifyFd);
-    return nullptr;
+    if (waiter->quit.load(std::memory_order_acquire)) return nullptr;
+    futex_waitv control{};
+    control.val = generation;
+    control.uaddr = reinterpret_cast<std::uintptr_t>(&waiter->control);
+    control.flags = FUTEX_32 | FUTEX_PRIVATE_FLAG;
+    waits.push_back(control);
+    bool toldAndParked = false;
+    if (waits.size() > 1) {
+      const long woken = waitOnAny(waits.data(), waits.size());
+      const int error = errno;
+      if (waiter->control.load(std::memory_order_acquire) != generation) continue;  // new words, or stop
+      if (woken < 0 && error == EINTR) continue;
+      if (woken >= 0 && static_cast<std::size_t>(woken) == words.size()) continue;
+      if (woken >= 0) {
+        // The kernel wakes one waiter of a dead holder's word: the others
+        // (other watchers) are woken here.
+        syscall(SYS_futex, words[static_cast<std::size_t>(woken)], FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+      }
+      // Woken, or a word changed before the wait began (EAGAIN), or can no
+      // longer be read (EFAULT): the registry is to be read again.
+      waiter->parked.store(true, std::memory_order_release);
+      tell(waiter->notifyFd);
+      toldAndParked = true;
+    }
+    (void)toldAndParked;
+    // Parked (or given no words) until the next assignment.
+    while (waiter->control.load(std::memory_order_acquire) == generation &&
+           !waiter->quit.load(std::memory_order_acquire)) {
+      syscall(SYS_futex, &waiter->control, FUTEX_WAIT_PRIVATE, generation, nullptr, nullptr, 0);
+    }
   }
 }
 
@@ -104,35 +144,46 @@ bool DeathWatch::available() noexcept {
 }
 
 void DeathWatch::stop(Waiter& waiter) noexcept {
-  waiter.control.store(1, std::memory_order_release);
-  syscall(SYS_futex, &waiter.control, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+  waiter.quit.store(true, std::memory_order_release);
+  waiter.control.fetch_add(1, std::memory_order_acq_rel);
+  wakeControl(waiter.control);
   pthread_join(waiter.thread, nullptr);
+}
+
+void DeathWatch::assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected) {
+  {
+    std::lock_guard<std::mutex> lock(waiter.mutex);
+    waiter.words = std::move(words);
+    waiter.expected = std::move(expected);
+    waiter.parked.store(false, std::memory_order_release);
+    waiter.control.fetch_add(1, std::memory_order_acq_rel);
+  }
+  wakeControl(waiter.control);
 }
 
 void DeathWatch::notify() const noexcept { tell(notifyFd); }
 
 void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
+  if (!available()) return;
   const std::set<std::uint32_t*> wanted(words.begin(), words.end());
-  // Waiters that still watch only wanted words, and have not ended, keep
-  // waiting; the words of the others are watched anew.
+  // Threads that still wait on wanted words only keep them; the others are
+  // free for new words.
   std::set<std::uint32_t*> covered;
-  std::vector<std::unique_ptr<Waiter>> kept;
+  std::vector<Waiter*> free;
   for (auto& waiter : waiters) {
-    bool keep = !waiter->ended.load(std::memory_order_acquire);
+    std::lock_guard<std::mutex> lock(waiter->mutex);
+    bool keep = !waiter->parked.load(std::memory_order_acquire) && !waiter->words.empty();
     for (std::uint32_t* word : waiter->words) keep = keep && wanted.count(word) != 0;
     if (keep) {
       covered.insert(waiter->words.begin(), waiter->words.end());
-      kept.push_back(std::move(waiter));
     } else {
-      stop(*waiter);
+      free.push_back(waiter.get());
     }
   }
-  waiters = std::move(kept);
-  if (!available()) return;
 
   std::set<std::uint32_t*> unwaitableNow;
   std::vector<std::uint32_t*> pending;
-  std::vector<std::uint32_t> expected;
+  std::vector<std::uint32_t> values;
   for (std::uint32_t* word : wanted) {
     if (covered.count(word) != 0) continue;
     std::uint32_t value = 0;
@@ -141,16 +192,30 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
       continue;
     }
     pending.push_back(word);
-    expected.push_back(value);
+    values.push_back(value);
   }
-  bool toldAlready = false;
-  for (std::uint32_t* word : unwaitableNow) {
-    if (unwaitable.count(word) == 0 && !toldAlready) {
-      notify();
-      toldAlready = true;
-    }
-  }
+  const bool newlyUnwaitable = std::any_of(unwaitableNow.begin(), unwaitableNow.end(),
+                                           [this](std::uint32_t* word) { return unwaitable.count(word) == 0; });
+  if (newlyUnwaitable) notify();
   unwaitable = std::move(unwaitableNow);
+
+  // The pending words go to the free threads first, then to new ones.
+  std::size_t next = 0;
+  const auto take = [&](std::vector<std::uint32_t*>& chunk, std::vector<std::uint32_t>& chunkValues) {
+    const std::size_t last = std::min(pending.size(), next + wordsPerThread);
+    chunk.assign(pending.begin() + static_cast<long>(next), pending.begin() + static_cast<long>(last));
+    chunkValues.assign(values.begin() + static_cast<long>(next), values.begin() + static_cast<long>(last));
+    next = last;
+  };
+  for (Waiter* waiter : free) {
+    std::vector<std::uint32_t*> chunk;
+    std::vector<std::uint32_t> chunkValues;
+    take(chunk, chunkValues);
+    // A free thread without new words is given none, unless it has none.
+    if (chunk.empty() && waiter->words.empty()) continue;
+    assign(*waiter, std::move(chunk), std::move(chunkValues));
+  }
+  if (next >= pending.size()) return;
 
   // New threads get no signals: the process's handlers run on its own threads.
   sigset_t all;
@@ -161,23 +226,10 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, waiterStackBytes);
   int failure = 0;
-  for (std::size_t first = 0; first < pending.size() && failure == 0; first += wordsPerThread) {
+  while (next < pending.size() && failure == 0) {
     auto waiter = std::make_unique<Waiter>();
     waiter->notifyFd = notifyFd;
-    const std::size_t last = std::min(pending.size(), first + wordsPerThread);
-    for (std::size_t i = first; i < last; ++i) {
-      waiter->words.push_back(pending[i]);
-      futex_waitv wait{};
-      wait.val = expected[i];
-      wait.uaddr = reinterpret_cast<std::uintptr_t>(pending[i]);
-      wait.flags = FUTEX_32;
-      waiter->waits.push_back(wait);
-    }
-    futex_waitv control{};
-    control.val = 0;
-    control.uaddr = reinterpret_cast<std::uintptr_t>(&waiter->control);
-    control.flags = FUTEX_32 | FUTEX_PRIVATE_FLAG;
-    waiter->waits.push_back(control);
+    take(waiter->words, waiter->expected);
     failure = pthread_create(&waiter->thread, &attributes, &runWaiter, waiter.get());
     if (failure == 0) waiters.push_back(std::move(waiter));
   }

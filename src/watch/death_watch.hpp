@@ -8,9 +8,11 @@
 // record it is given (as a blocked pthread_mutex_lock would) and waits on up
 // to 127 words per thread with futex_waitv, beside a control word of its
 // own. A woken thread passes the wake-up on to every other waiter of that
-// word (other watchers), writes to the notification descriptor and ends:
-// the owner re-reads the registry and calls watch() again. This works from
-// any pid namespace and costs nothing while nothing happens.
+// word (other watchers), writes to the notification descriptor and parks:
+// the owner re-reads the registry and calls watch() again, which hands the
+// parked threads new words (threads are started only when more are needed,
+// and kept until the DeathWatch goes). This works from any pid namespace
+// and costs nothing while nothing happens.
 //
 // The words live in record segments that other processes may cut short or
 // remove: a word that can no longer be read makes futex_waitv fail (EFAULT),
@@ -30,6 +32,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <vector>
 
@@ -47,15 +50,17 @@ class DeathWatch {
   static bool available() noexcept;
 
   // Watches exactly `words` from now on: the lock words of live records, in
-  // mappings that the caller keeps until the next call or destruction.
-  // Threads whose words all stay keep waiting; the others are restarted
-  // with what remains. A word that shows no live holder (free, owner-dead,
+  // mappings that the caller keeps while they are watched (a word dropped
+  // here may be unmapped at once: the threads touch words only through
+  // system calls, which fail harmlessly on an unmapped address).
+  // Threads whose words all stay keep waiting; the others are handed what
+  // remains. A word that shows no live holder (free, owner-dead,
   // or unreadable) is not waited on, and is told at once unless it was
   // already told at the previous call. Throws std::system_error when no
   // thread can be started.
   void watch(const std::vector<std::uint32_t*>& words);
 
-  // The number of waiting threads (for tests).
+  // The number of threads, waiting or parked.
   std::size_t threadCount() const noexcept { return waiters.size(); }
 
   // One waiting thread and its words (defined with the threads' code).
@@ -63,6 +68,7 @@ class DeathWatch {
 
  private:
   void stop(Waiter& waiter) noexcept;
+  static void assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected);
   void notify() const noexcept;
 
   int notifyFd;

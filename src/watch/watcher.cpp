@@ -96,7 +96,7 @@ class Watcher::Impl {
  private:
   void closeDescriptors() noexcept;
   void refresh();
-  void watchDeaths(const watch::FolderWatch::Drained& drained);
+  void watchDeaths();
 
   std::string groupTag;
   std::set<std::string> trustees;
@@ -110,6 +110,10 @@ class Watcher::Impl {
   bool dirty = true;           // the registry is to be read again
   std::map<RecordKey, SeenRecord> current;
   std::map<RecordKey, SharedMemory> mapped;  // the records whose deaths are watched
+  // Names whose files were created or removed since the mappings were last
+  // renewed (all of them after an overflow): their mappings are made anew.
+  std::set<RecordKey> replaced;
+  bool remapAll = false;
   std::set<DataPair> pairBaseline;
   std::map<RecordKey, SeenRecord> recordBaseline;
 };
@@ -167,8 +171,11 @@ void Watcher::Impl::refresh() {
   // whatever changes after this wakes them again.
   if (readAll(wakeFd)) dirty = true;
   if (timerFd >= 0 && readAll(timerFd)) dirty = true;
-  const watch::FolderWatch::Drained drained = folders->drain();
+  watch::FolderWatch::Drained drained = folders->drain();
   if (drained.changed) dirty = true;
+  // Kept until the mappings are renewed, should this read fail.
+  replaced.merge(drained.replaced);
+  remapAll = remapAll || drained.overflowed;
   if (!dirty) return;
   std::vector<ListedRecord> records = listRecords(groupTag, trustees);
   const auto now = std::chrono::system_clock::now();
@@ -181,17 +188,18 @@ void Watcher::Impl::refresh() {
     fresh.emplace(std::move(key), SeenRecord{std::move(record.data), appearedAt});
   }
   current = std::move(fresh);
+  watchDeaths();
   dirty = false;
-  watchDeaths(drained);
+  replaced.clear();
+  remapAll = false;
 }
 
-void Watcher::Impl::watchDeaths(const watch::FolderWatch::Drained& drained) {
+void Watcher::Impl::watchDeaths() {
   std::map<RecordKey, SharedMemory> keep;
   std::vector<std::uint32_t*> words;
   for (const auto& [key, seen] : current) {
     auto found = mapped.find(key);
-    const bool replaced = drained.overflowed || drained.replaced.count(key) != 0;
-    if (found != mapped.end() && !replaced) {
+    if (found != mapped.end() && !remapAll && replaced.count(key) == 0) {
       keep.emplace(key, std::move(found->second));
       mapped.erase(found);
     } else {

@@ -63,6 +63,22 @@ void applyEvents(std::set<Pair>& listed, const std::vector<EndpointChange>& even
 
 Pairs asPairs(const std::set<Pair>& set) { return Pairs(set.begin(), set.end()); }
 
+// The pairs that disappear in the next calls, until `count` have: the
+// records of one dying process may be marked dead one after the other, and
+// so come in one call or several.
+std::set<Pair> awaitGone(Watcher& watcher, std::size_t count) {
+  std::set<Pair> gone;
+  while (gone.size() < count) {
+    const std::vector<EndpointChange> events = watcher.waitForChanges(patience);
+    if (events.empty()) break;
+    for (const EndpointChange& event : events) {
+      EXPECT_EQ(event.kind, EndpointChange::Disappeared);
+      gone.insert(event.data);
+    }
+  }
+  return gone;
+}
+
 // A child that publishes "<name> 1" on "publish <name>", withdraws on
 // "withdraw <name>", and answers each with "ok".
 std::unique_ptr<ChildProcess> startPublisher(const std::string& tag) {
@@ -143,6 +159,33 @@ TEST_F(WatcherTest, KilledPublisherWakesTheDescriptor) {
   EXPECT_EQ(watcher.changes(), (std::vector<EndpointChange>{{EndpointChange::Disappeared, {"doomed", "1"}}}));
   EXPECT_TRUE(Endpoint::filter(tag).empty());
   EXPECT_TRUE(er::test::filesIn(er::test::userScope(), registry::groupPrefix(tag)).empty());
+}
+
+// The waiting threads are handed new words after each death: every later
+// death is seen too, and so is a publication in between.
+TEST_F(WatcherTest, SuccessiveDeathsAreEachSeen) {
+  std::vector<std::unique_ptr<ChildProcess>> publishers;
+  for (int i = 0; i < 3; ++i) {
+    publishers.push_back(startPublisher(tag));
+    ASSERT_EQ(publishers.back()->readFromChild(), "ready");
+    order(*publishers.back(), er::test::concat("publish p", std::to_string(i)));
+  }
+  Watcher watcher(tag, {""});
+  EXPECT_EQ(watcher.changes().size(), 3u);
+  const auto kill = [&](std::size_t index) {
+    publishers[index]->kill(SIGKILL);
+    EXPECT_EQ(publishers[index]->wait(), 128 + SIGKILL);
+  };
+  kill(0);
+  EXPECT_EQ(watcher.waitForChanges(patience),
+            (std::vector<EndpointChange>{{EndpointChange::Disappeared, {"p0", "1"}}}));
+  order(*publishers[2], "publish late");
+  EXPECT_EQ(watcher.waitForChanges(patience), (std::vector<EndpointChange>{{EndpointChange::Appeared, {"late", "1"}}}));
+  kill(1);
+  EXPECT_EQ(watcher.waitForChanges(patience),
+            (std::vector<EndpointChange>{{EndpointChange::Disappeared, {"p1", "1"}}}));
+  kill(2);
+  EXPECT_EQ(awaitGone(watcher, 2), (std::set<Pair>{{"late", "1"}, {"p2", "1"}}));
 }
 
 TEST_F(WatcherTest, TwoWatchersBothSeeADeath) {
@@ -316,7 +359,7 @@ TEST_F(WatcherTest, ForkedChildMakesItsOwnWatcher) {
             (std::vector<EndpointChange>{{EndpointChange::Appeared, {"after", "1"}}}));
   publisher->kill(SIGKILL);
   EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
-  EXPECT_EQ(watcher->waitForChanges(patience).size(), 2u);
+  EXPECT_EQ(awaitGone(*watcher, 2), (std::set<Pair>{{"after", "1"}, {"before", "1"}}));
 }
 
 // The sum of the context switches of every thread of `pid`.
