@@ -88,6 +88,9 @@ TEST_F(WatcherSystemTest, TrusteeRecordsInAFolderMadeLater) {
   EXPECT_EQ(gone[0].kind, EndpointChange::Disappeared);
   publisher.tellChild("end");
   EXPECT_EQ(publisher.wait(), 0);
+  // The group's folder goes with the group: a later group of the same gid
+  // starts without one.
+  std::filesystem::remove_all(er::test::groupScope(group.gid()));
 }
 
 // A user who never published: no scope folder. The watcher, started first,
