@@ -30,7 +30,11 @@
 //
 // Threads: a Watcher is used by one thread at a time; distinct watchers may
 // be used from any threads. A watcher runs threads of its own, blocked in
-// the kernel while nothing happens (one per 127 live records watched).
+// the kernel while nothing happens: one per 127 live records watched (the
+// most it needed so far, kept while it lives), and it keeps the library's
+// work thread while it lives. It sets the FUTEX_WAITERS bit in the lock
+// words of the records it watches, as a thread blocked on them would; the
+// records' publishers then wake it when they withdraw.
 //
 // Fork: a Watcher inherited by a forked child belongs to the parent; the
 // child may only destroy it (which closes the child's copies of its
@@ -108,8 +112,9 @@ class ENDPOINTREGISTRY_EXPORT Watcher {
   // The pairs that appeared or disappeared since the previous call (the
   // first call: every live pair, as appeared), sorted by pair; empty when
   // nothing changed. Never blocks but on directory locks, as a listing.
-  // Throws what a listing throws, and std::logic_error in a forked child or
-  // on a moved-from watcher.
+  // Throws what a listing throws, std::system_error when the kernel refuses
+  // a waiting thread, and std::logic_error in a forked child or on a
+  // moved-from watcher.
   [[nodiscard]] std::vector<EndpointChange> changes();
   // changes(), waiting up to `timeout` for a change when there is none yet;
   // empty after the timeout. A signal does not end the wait.

@@ -4,7 +4,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
+#include <stdexcept>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
@@ -23,7 +23,9 @@ std::string baseName(const std::string& path) { return path.substr(path.rfind('/
 
 FolderWatch::FolderWatch(const std::set<std::string>& trustees) {
   inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (inotifyFd < 0) throw std::system_error(errno, std::generic_category(), "inotify_init1");
+  if (inotifyFd < 0) {
+    throw std::runtime_error(std::string("System error: Watcher: inotify_init1: ") + std::strerror(errno));
+  }
   try {
     for (const std::string& trustee : trustees) {
       std::string path = agent::spf::sharedmemory::scopeFolderPath(trustee);

@@ -20,8 +20,9 @@ namespace agent::spf::endpointregistry::watch {
 
 class FolderWatch {
  public:
-  // Starts watching the trustees' folders. Throws std::system_error when
-  // the kernel refuses an inotify instance.
+  // Starts watching the trustees' folders. Throws std::runtime_error
+  // ("System error: Watcher: inotify_init1: <reason>") when the kernel
+  // refuses an inotify instance.
   explicit FolderWatch(const std::set<std::string>& trustees);
   ~FolderWatch();
   FolderWatch(const FolderWatch&) = delete;

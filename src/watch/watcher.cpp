@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <stdexcept>
 #include <system_error>
@@ -42,7 +43,7 @@ struct SeenRecord {
 };
 
 int checked(int fd, const char* what) {
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), std::string("System error: Watcher: ") + what);
+  if (fd < 0) throw std::runtime_error(std::string("System error: Watcher: ") + what + ": " + std::strerror(errno));
   return fd;
 }
 
@@ -141,9 +142,6 @@ Watcher::Impl::Impl(std::string tag, std::set<std::string> watched)
       if (epoll_ctl(epollFd, EPOLL_CTL_ADD, source, &event) != 0) checked(-1, "epoll_ctl");
     }
     workThread = WorkThreadGuard::holdThread();
-  } catch (const std::system_error& error) {
-    closeDescriptors();
-    throw std::runtime_error(error.what());
   } catch (...) {
     closeDescriptors();
     throw;

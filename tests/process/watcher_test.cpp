@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <chrono>
@@ -17,6 +18,7 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -360,6 +362,49 @@ TEST_F(WatcherTest, ForkedChildMakesItsOwnWatcher) {
   publisher->kill(SIGKILL);
   EXPECT_EQ(publisher->wait(), 128 + SIGKILL);
   EXPECT_EQ(awaitGone(*watcher, 2), (std::set<Pair>{{"after", "1"}, {"before", "1"}}));
+}
+
+TEST_F(WatcherTest, AMovedFromWatcherHasNoDescriptorAndRefusesCalls) {
+  Watcher watcher(tag, {""});
+  const int fd = watcher.fileDescriptor();
+  EXPECT_GE(fd, 0);
+  Watcher moved(std::move(watcher));
+  EXPECT_EQ(moved.fileDescriptor(), fd);
+  EXPECT_EQ(watcher.fileDescriptor(), -1);  // NOLINT(bugprone-use-after-move): the moved-from state is specified
+  EXPECT_THROW((void)watcher.changes(), std::logic_error);  // NOLINT(bugprone-use-after-move)
+  EXPECT_TRUE(moved.changes().empty());
+}
+
+// Without descriptors to spare, making a watcher fails with the system's
+// reason, and nothing is left open.
+TEST_F(WatcherTest, NoDescriptorsLeftIsASystemError) {
+  ChildProcess child([this](ChildProcess& self) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit before = limit;
+    // Room for what is open now, and no more.
+    int highest = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+      if (fcntl(fd, F_GETFD) >= 0) highest = fd;
+    }
+    limit.rlim_cur = static_cast<rlim_t>(highest + 1);
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+    // The free numbers below it are taken too.
+    while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+    }
+    try {
+      Watcher watcher(tag, {""});
+      return 3;
+    } catch (const std::runtime_error& error) {
+      // Descriptors again first: the sanitizers' checks need some.
+      setrlimit(RLIMIT_NOFILE, &before);
+      const std::string text = error.what();
+      self.tellParent(text.substr(0, text.find(':', text.find(':', 14) + 1)));
+    }
+    return 0;
+  });
+  EXPECT_EQ(child.readFromChild(), "System error: Watcher: epoll_create1");
+  EXPECT_EQ(child.wait(), 0);
 }
 
 // The sum of the context switches of every thread of `pid`.
