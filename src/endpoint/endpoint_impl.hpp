@@ -61,8 +61,9 @@ class __attribute__((visibility("hidden"))) Endpoint::Impl {
   // Healing (healing/publication_healer.hpp), under the held records' lock.
   enum class SegmentHealth {
     Intact,   // the record's name names its own segment, whole, flagged and locked
-    Unnamed,  // its bytes are whole, but its name names them no longer (removed, replaced, cut short)
-    Damaged,  // its own bytes were cut or overwritten
+    Unnamed,  // its header is whole, but its name names it no longer (removed, replaced, cut short)
+              // or its data was cut
+    Damaged,  // its header (flag, mutex) was cut or overwritten
   };
   SegmentHealth segmentHealth();
   // Publishes the record anew under its name: a new segment with its data,

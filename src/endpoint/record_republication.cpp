@@ -57,17 +57,21 @@ void freeName(SharedMemory& own, const std::string& name, const std::string& tru
 Endpoint::Impl::SegmentHealth Endpoint::Impl::segmentHealth() {
   const MappedAccess mapped;
   if (!sharedMemory.isAttached()) return SegmentHealth::Damaged;
-  // The segment as this process keeps it: flag set, mutex held by its lane,
-  // its data. Nobody else writes it while the record lives; a page cut off
-  // the segment reads as zeros here (and counts as a repair). A segment cut
-  // and then lengthened again has its full size but zeros where it was cut.
+  // The header as this process keeps it: flag set, mutex held by its lane.
+  // Nobody else writes it while the record lives; a page cut off the
+  // segment reads as zeros here (and counts as a repair).
   const std::uint64_t repairsBefore = repairedFaults();
   RecordHeader header;
   std::memcpy(&header, sharedMemory.getPointer(), sizeof header);
-  const bool holdsData = holdsRecordData(sharedMemory, data, recordDataLength(name));
   if (repairedFaults() != repairsBefore || header.livenessFlag != 1 ||
-      !PThreadRobustLockGuard::heldInCopy(header.livenessMutex) || !holdsData) {
+      !PThreadRobustLockGuard::heldInCopy(header.livenessMutex)) {
     return SegmentHealth::Damaged;
+  }
+  // A segment cut within its data and lengthened again keeps its header but
+  // reads zeros where its data was: it is withdrawn as usual (its mutex is
+  // intact) and published again.
+  if (!holdsRecordData(sharedMemory, data, recordDataLength(name)) || repairedFaults() != repairsBefore) {
+    return SegmentHealth::Unnamed;
   }
   return sharedMemory.nameState() == SharedMemory::NameState::Same ? SegmentHealth::Intact : SegmentHealth::Unnamed;
 }
