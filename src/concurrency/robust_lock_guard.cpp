@@ -127,7 +127,18 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread(LockTerm term
   auto lockJob = [this] {
     if (!hasOwnKind(mutexPtr)) return EINVAL;
     int result = lockWithin(mutexPtr, lockWaitSlice);
-    if (result == EOWNERDEAD) result = pthread_mutex_consistent(mutexPtr);
+    if (result == EOWNERDEAD) {
+      result = pthread_mutex_consistent(mutexPtr);
+      if (result != 0) {
+        // Locked, but no longer a mutex to keep (another process changed it
+        // meanwhile): let go of it at once, so that the failure reported
+        // leaves no lock behind on this thread's list.
+        noteLocked(mutexPtr);
+        bool dropped = false;
+        (void)unlockHeldMutex(mutexPtr, dropped);
+        return result;
+      }
+    }
     if (result == 0) noteLocked(mutexPtr);
     return result;
   };
