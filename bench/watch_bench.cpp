@@ -69,8 +69,8 @@ void publishToEvent(benchmark::State& state, bool timeWithdrawal) {
     };
     bool seen = false;
     if (timeWithdrawal) {
-      if (!publish()) seen = false;
-      samples.time(state, [&] { seen = withdraw(); });
+      const bool appeared = publish();
+      samples.time(state, [&] { seen = withdraw() && appeared; });
     } else {
       samples.time(state, [&] { seen = publish(); });
       seen = withdraw() && seen;

@@ -94,7 +94,6 @@ void* runWaiter(void* argument) {
     control.uaddr = reinterpret_cast<std::uintptr_t>(&waiter->control);
     control.flags = FUTEX_32 | FUTEX_PRIVATE_FLAG;
     waits.push_back(control);
-    bool toldAndParked = false;
     if (waits.size() > 1) {
       const long woken = waitOnAny(waits.data(), waits.size());
       const int error = errno;
@@ -110,9 +109,7 @@ void* runWaiter(void* argument) {
       // longer be read (EFAULT): the registry is to be read again.
       waiter->parked.store(true, std::memory_order_release);
       tell(waiter->notifyFd);
-      toldAndParked = true;
     }
-    (void)toldAndParked;
     // Parked (or given no words) until the next assignment.
     while (waiter->control.load(std::memory_order_acquire) == generation &&
            !waiter->quit.load(std::memory_order_acquire)) {

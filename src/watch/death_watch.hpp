@@ -60,9 +60,6 @@ class DeathWatch {
   // thread can be started.
   void watch(const std::vector<std::uint32_t*>& words);
 
-  // The number of threads, waiting or parked.
-  std::size_t threadCount() const noexcept { return waiters.size(); }
-
   // One waiting thread and its words (defined with the threads' code).
   struct Waiter;
 

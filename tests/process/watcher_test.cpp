@@ -407,6 +407,24 @@ TEST_F(WatcherTest, NoDescriptorsLeftIsASystemError) {
   EXPECT_EQ(child.wait(), 0);
 }
 
+// True when every thread of `pid` sleeps (state S in its stat line).
+bool allAsleep(pid_t pid) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  DIR* folder = opendir(tasks.c_str());
+  if (folder == nullptr) return false;
+  bool asleep = true;
+  while (const dirent* entry = readdir(folder)) {
+    if (entry->d_name[0] == '.') continue;
+    std::ifstream stat(tasks + "/" + entry->d_name + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const std::size_t end = line.rfind(')');
+    if (end == std::string::npos || end + 2 >= line.size() || line[end + 2] != 'S') asleep = false;
+  }
+  closedir(folder);
+  return asleep;
+}
+
 // The sum of the context switches of every thread of `pid`.
 unsigned long contextSwitches(pid_t pid) {
   unsigned long total = 0;
@@ -445,8 +463,11 @@ TEST_F(WatcherTest, AnIdleWatcherMakesNoWakeUps) {
     return line == std::optional<std::string>("stop") && watcher.changes().empty() ? 0 : 3;
   });
   ASSERT_EQ(watching.readFromChild(), "watching");
-  // Let the threads settle into their waits, then measure a quiet spell.
-  std::this_thread::sleep_for(200ms);
+  // The threads settle into their waits first (every one asleep), then a
+  // quiet spell is measured.
+  const auto settled = std::chrono::steady_clock::now() + patience;
+  while (!allAsleep(watching.pid()) && std::chrono::steady_clock::now() < settled) std::this_thread::yield();
+  ASSERT_TRUE(allAsleep(watching.pid()));
   const unsigned long before = contextSwitches(watching.pid());
   std::this_thread::sleep_for(5s);
   const unsigned long after = contextSwitches(watching.pid());
