@@ -8,14 +8,18 @@
 // something may have changed, and calls that return what changed since the
 // previous call of the same kind.
 //
-// Exactness: each call reads the registry afresh, as a listing does, and
-// returns the difference from what the previous call returned. Applying the
-// events of every call, in order, to an empty set gives exactly the listing
-// of the moment of the last call: no event is lost, repeated or reordered,
+// Exactness: each call reads again, as a listing reads them, the records
+// that the notifications since the previous call name (a record file
+// touched or removed, a lock word left without a holder), or the whole
+// registry when no name says what changed (the first call, an overflowed
+// event queue, a scope folder or a directory's segment that came or went),
+// and returns the difference from what the previous call returned. Applying
+// the events of every call, in order, to an empty set gives the listing of
+// the moment of the last call: no event is lost, repeated or reordered,
 // whatever happened in between (churn, a directory reorganised, the kernel's
 // event queue overflowing). A pair that appeared and went again between two
 // calls gives no event. Like a listing, a call clears away the records of
-// dead publishers that it meets.
+// dead publishers that it meets. Records of other group tags are not read.
 //
 // What wakes the descriptor, with no timer:
 // - inotify on the trustees' scope folders (and on /dev/shm for folders
@@ -25,7 +29,8 @@
 //   words of the live records it listed (futex_waitv), and the kernel wakes
 //   it when a publisher dies, from any pid namespace.
 // Where the kernel lacks futex_waitv (before Linux 5.16) the descriptor also
-// becomes readable once a second, so that a death is seen within a second.
+// becomes readable once a second, and the lock words are looked at then, so
+// that a death is seen within a second.
 // An idle watcher makes no wake-ups at all.
 //
 // Threads: a Watcher is used by one thread at a time; distinct watchers may

@@ -9,7 +9,7 @@
 // to 127 words per thread with futex_waitv, beside a control word of its
 // own. A woken thread passes the wake-up on to every other waiter of that
 // word (other watchers), writes to the notification descriptor and parks:
-// the owner re-reads the registry and calls watch() again, which hands the
+// the owner reads the records concerned and calls watch() again, which hands the
 // parked threads new words (threads are started only when more are needed,
 // and kept until the DeathWatch goes). This works from any pid namespace
 // and costs nothing while nothing happens.

@@ -88,26 +88,31 @@ FolderWatch::Drained FolderWatch::drain() {
       const std::string name = event.len > 0 ? std::string(nameStart, strnlen(nameStart, event.len)) : std::string();
       at += static_cast<ssize_t>(sizeof(inotify_event) + event.len);
       if ((event.mask & IN_Q_OVERFLOW) != 0) {
-        drained.changed = true;
         drained.overflowed = true;
         continue;
       }
       if (event.wd == rootWatch) {
         for (const std::string& trustee : missing) {
-          if (baseName(folderOf.at(trustee)) == name) drained.changed = true;
+          if (baseName(folderOf.at(trustee)) == name) drained.folderChanged = true;
         }
         continue;
       }
       const auto watched = trusteeOfWatch.find(event.wd);
       if (watched == trusteeOfWatch.end()) continue;
-      drained.changed = true;
+      if ((event.mask & folderGone) != 0 || name.empty()) drained.folderChanged = true;
       if ((event.mask & folderGone) != 0) {
         missing.insert(watched->second);
         if ((event.mask & IN_IGNORED) == 0) (void)inotify_rm_watch(inotifyFd, event.wd);
         trusteeOfWatch.erase(watched);
         continue;
       }
-      if ((event.mask & nameChanges) != 0 && !name.empty()) drained.replaced.emplace(watched->second, name);
+      if (name.empty()) continue;
+      // A file made with O_TMPFILE shows as "#<inode>" until it is linked
+      // under its name, which is told then.
+      if (name[0] == '#') continue;
+      drained.named.emplace(watched->second, name);
+      if ((event.mask & ~IN_CREATE & ~IN_ISDIR) != 0) drained.touched.emplace(watched->second, name);
+      if ((event.mask & nameChanges) != 0) drained.replaced.emplace(watched->second, name);
     }
   }
   if (!missing.empty()) watchFolders();

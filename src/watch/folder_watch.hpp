@@ -33,15 +33,22 @@ class FolderWatch {
 
   // What drain() found.
   struct Drained {
-    bool changed = false;     // something in a watched folder, or a folder, changed
     bool overflowed = false;  // events were lost: any segment may have been replaced
+    // A folder itself appeared, went or changed: no name says what to read.
+    bool folderChanged = false;
     // Names created or removed in a folder, by trustee: segments that may now
     // be other files than before.
     std::set<std::pair<std::string, std::string>> replaced;
+    // Names that anything happened to, by trustee.
+    std::set<std::pair<std::string, std::string>> named;
+    // Names that anything but a creation happened to (removed, touched,
+    // written, moved): a record is created before it is named, and its
+    // publisher touches it once it is.
+    std::set<std::pair<std::string, std::string>> touched;
   };
 
   // Reads every waiting event without blocking, and watches folders that
-  // appeared. An overflowed queue counts as a change.
+  // appeared.
   Drained drain();
 
  private:

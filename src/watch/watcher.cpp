@@ -1,5 +1,7 @@
 // The Watcher: folder and death notifications gathered on one epoll
-// descriptor, and the registry read afresh after each.
+// descriptor; after each, the records they name are read again (all of the
+// registry when none is named: at first, after an overflow, when a folder
+// or a directory's segment came or went).
 #include <endpointregistry/watcher.hpp>
 
 #include <poll.h>
@@ -8,20 +10,25 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <stdexcept>
 #include <system_error>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
+#include "concurrency/lock_word.hpp"
 #include "concurrency/work_queue.hpp"
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
 #include "discovery/record_listing.hpp"
+#include "endpoint/registry_operation.hpp"
 #include "record/record_layout.hpp"
 #include "record/record_name.hpp"
+#include "record/record_reader.hpp"
 #include "watch/death_watch.hpp"
 #include "watch/folder_watch.hpp"
 
@@ -96,8 +103,16 @@ class Watcher::Impl {
 
  private:
   void closeDescriptors() noexcept;
+  // Takes what the descriptors tell and reads what it names: the records
+  // named by folder events or whose lock words show no holder, or all of
+  // the registry when no name says what changed.
   void refresh();
+  void readEverything();
+  void readPending();
+  // After a read: the deaths of the records now listed are watched.
+  void settled();
   void watchDeaths();
+  std::set<RecordKey> recordsWithoutHolder();
 
   std::string groupTag;
   std::set<std::string> trustees;
@@ -107,8 +122,9 @@ class Watcher::Impl {
   int timerFd = -1;  // the bounded re-check, without futex_waitv
   std::unique_ptr<watch::FolderWatch> folders;
   std::unique_ptr<watch::DeathWatch> deaths;
-  WorkThreadGuard workThread;  // keeps the work thread between reads
-  bool dirty = true;           // the registry is to be read again
+  WorkThreadGuard workThread;   // keeps the work thread between reads
+  bool dirty = true;            // the registry is to be read again, all of it
+  std::set<RecordKey> pending;  // records to be read again
   std::map<RecordKey, SeenRecord> current;
   std::map<RecordKey, SharedMemory> mapped;  // the records whose deaths are watched
   // Names whose files were created or removed since the mappings were last
@@ -167,14 +183,32 @@ void Watcher::Impl::refresh() {
   if (getpid() != ownerPid) throw std::logic_error("Watcher: inherited from the parent process; make a new one");
   // Everything is taken from the descriptors before the registry is read:
   // whatever changes after this wakes them again.
-  if (readAll(wakeFd)) dirty = true;
-  if (timerFd >= 0 && readAll(timerFd)) dirty = true;
+  bool deathsTold = readAll(wakeFd);
+  if (timerFd >= 0 && readAll(timerFd)) deathsTold = true;
   watch::FolderWatch::Drained drained = folders->drain();
-  if (drained.changed) dirty = true;
   // Kept until the mappings are renewed, should this read fail.
   replaced.merge(drained.replaced);
   remapAll = remapAll || drained.overflowed;
-  if (!dirty) return;
+  if (drained.overflowed || drained.folderChanged) dirty = true;
+  const std::string prefix = groupPrefix(groupTag);
+  for (const RecordKey& key : drained.named) {
+    // Not a record: a directory's segments came or went, and with them,
+    // perhaps, names.
+    if (key.second.rfind(recordPrefix, 0) != 0) dirty = true;
+  }
+  for (const RecordKey& key : drained.touched) {
+    // Records of other tags are no concern of this watcher.
+    if (key.second.rfind(prefix, 0) == 0) pending.insert(key);
+  }
+  if (dirty) {
+    readEverything();
+  } else {
+    if (deathsTold) pending.merge(recordsWithoutHolder());
+    if (!pending.empty()) readPending();
+  }
+}
+
+void Watcher::Impl::readEverything() {
   std::vector<ListedRecord> records = listRecords(groupTag, trustees);
   const auto now = std::chrono::system_clock::now();
   std::map<RecordKey, SeenRecord> fresh;
@@ -186,10 +220,44 @@ void Watcher::Impl::refresh() {
     fresh.emplace(std::move(key), SeenRecord{std::move(record.data), appearedAt});
   }
   current = std::move(fresh);
+  settled();
+}
+
+void Watcher::Impl::readPending() {
+  RegistryOperation operation(RegistryOperation::WorkThread::NotHeld);
+  const auto now = std::chrono::system_clock::now();
+  for (const RecordKey& key : pending) {
+    // Read as a listing reads it, clearing it away if its publisher died.
+    RecordRead read = operation.records(key.first).read(RecordName(key.second));
+    if (read.data.first.empty() && read.data.second.empty()) {
+      current.erase(key);
+      continue;
+    }
+    SeenRecord& seen = current[key];
+    if (seen.data != read.data) seen = SeenRecord{std::move(read.data), now};
+  }
+  settled();
+}
+
+void Watcher::Impl::settled() {
   watchDeaths();
   dirty = false;
+  pending.clear();
   replaced.clear();
   remapAll = false;
+}
+
+std::set<RecordKey> Watcher::Impl::recordsWithoutHolder() {
+  std::set<RecordKey> found;
+  // The words live in segments that their writers may cut short.
+  const agent::spf::sharedmemory::MappedAccess access;
+  for (auto& [key, segment] : mapped) {
+    std::atomic_ref<std::uint32_t> word(
+        *reinterpret_cast<std::uint32_t*>(&recordHeaderOf(segment).livenessMutex.__data.__lock));
+    const std::uint32_t seen = word.load(std::memory_order_acquire);
+    if (lockword::holder(seen) == 0 || lockword::ownerDied(seen)) found.insert(key);
+  }
+  return found;
 }
 
 void Watcher::Impl::watchDeaths() {

@@ -337,6 +337,61 @@ TEST_F(WatcherTest, OverflowedEventQueueStillEndsExact) {
   stop(*publisher);
 }
 
+// A publication refused as a duplicate is no event, though the refused
+// publisher may have made and removed a record file of its own; records of
+// other tags wake the descriptor and are no event either.
+TEST_F(WatcherTest, RefusedDuplicateAndOtherTagsMakeNoEvent) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish x");
+  Watcher watcher(tag, {""});
+  EXPECT_EQ(watcher.changes(), (std::vector<EndpointChange>{{EndpointChange::Appeared, {"x", "1"}}}));
+  EXPECT_EQ(watcher.recordChanges().size(), 1u);
+  EXPECT_THROW((void)Endpoint::publish("x", "1", tag), Endpoint::DuplicateEndpointError);
+  order(*publisher, er::test::concat("publish y ", tag, "-other"));
+  ASSERT_TRUE(readable(watcher.fileDescriptor(), patience));
+  EXPECT_TRUE(watcher.changes().empty());
+  EXPECT_TRUE(watcher.recordChanges().empty());
+  order(*publisher, er::test::concat("withdraw y ", tag, "-other"));
+  stop(*publisher);
+  EXPECT_EQ(awaitGone(watcher, 1), (std::set<Pair>{{"x", "1"}}));
+}
+
+// Another process cuts a watched record short: reading it, and the lock
+// word the watcher looks at, fault on pages that are gone. Nothing crashes,
+// and once all is quiet again the events give the listing.
+TEST_F(WatcherTest, AWatchedRecordCutShortEndsExact) {
+  auto publisher = startPublisher(tag);
+  ASSERT_EQ(publisher->readFromChild(), "ready");
+  order(*publisher, "publish cut");
+  order(*publisher, "publish whole");
+  Watcher watcher(tag, {""});
+  std::set<Pair> listed;
+  applyEvents(listed, watcher.changes());
+  ASSERT_EQ(listed.size(), 2u);
+  const std::set<std::string> records = er::test::filesIn(er::test::userScope(), registry::groupPrefix(tag));
+  ASSERT_EQ(records.size(), 2u);
+  int cut = 0;
+  for (const std::string& name : records) {
+    if (name.find(registry::hashText("cut1")) == std::string::npos) continue;
+    ASSERT_EQ(truncate((er::test::userScope() + "/" + name).c_str(), 0), 0);
+    ++cut;
+  }
+  ASSERT_EQ(cut, 1);
+  // Quiet: no event for a while, and what the events gave is the listing.
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  Pairs listing;
+  do {
+    const std::vector<EndpointChange> events = watcher.waitForChanges(200ms);
+    applyEvents(listed, events);
+    listing = Endpoint::filter(tag);
+    if (events.empty() && asPairs(listed) == listing) break;
+  } while (std::chrono::steady_clock::now() < deadline);
+  EXPECT_EQ(asPairs(listed), listing);
+  EXPECT_EQ(listed.count({"whole", "1"}), 1u);
+  stop(*publisher);
+}
+
 // A child forked from a process that holds a watcher may not use it, may
 // destroy it, and watches with a new one; the parent's keeps working.
 TEST_F(WatcherTest, ForkedChildMakesItsOwnWatcher) {
