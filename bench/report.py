@@ -28,6 +28,7 @@ START = "floor/process start"
 KILL = "floor/SIGKILL to reaped"
 BUS_CYCLE = "bus/RequestName+ReleaseName"
 SIZES = [10, 100, 1000, 10000]
+PYTHON_SIZES = [10, 1000]
 
 
 def load(paths):
@@ -106,6 +107,11 @@ def rows():
     ]
     table += [(f"watcher: one re-read after an event, N={n}", f"watch/re-read:{n}", None, None)
               for n in SIZES if n != 100]
+    # The Python package against the same calls from C++ (the "floor" column).
+    table.append(("Python: publish+withdraw, beside another endpoint", "python/publish+withdraw/beside",
+                  const("publish+withdraw/beside"), BUS_CYCLE))
+    table += [(f"Python: list N={n}, published by this process", f"python/list/own:{n}",
+               const(f"list/own:{n}"), f"bus/ListNames:{n}") for n in PYTHON_SIZES]
     table += [
         ("record segments of 3 publishers removed to listed again", "healing/record segments removed", None, None),
         ("scope folder removed (rm -rf) to listed again", "healing/scope folder removed", None, None),
@@ -207,6 +213,16 @@ def targets(figures):
         mine, theirs = median(figures, name), median(figures, bus_name)
         if mine and theirs:
             check(f"{name[len('watch/'):]} ≤ 0.5× the bus's {bus_name[len('bus/'):]}", mine / theirs, 0.5)
+    # What a call costs more from Python: a cycle is two calls (publish, and
+    # withdraw at the end of the with block); a listing converts N pairs.
+    for name, cpp, limit, text in (
+            ("python/publish+withdraw/beside", "publish+withdraw/beside", 10,
+             "Python publish+withdraw − the same from C++ (µs, two calls)"),
+            ("python/list/own:1000", "list/own:1000", 250,
+             "Python list N=1000 − the same from C++ (µs, one call and 1,000 tuples)")):
+        mine, theirs = median(figures, name), median(figures, cpp)
+        if mine and theirs:
+            check(text, (mine - theirs) / 1e3, limit)
     idle = median(figures, "watch/idle CPU")
     if idle is not None:
         check("idle watcher: CPU time over its quiet spell (ms)", idle / 1e6, 1)
