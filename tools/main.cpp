@@ -5,14 +5,17 @@
 // --version prints the version, --help works at every level. Exit codes:
 // 0 success, 1 an error (its message on stderr), 2 a bad command line, 3 when
 // list --exit-status finds nothing.
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <foundation/log/admin.hpp>
 
 #include "command.hpp"
+#include "first_word.hpp"
 
 namespace {
 
@@ -32,6 +35,9 @@ void enableVerboseDiagnostics() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader that goes makes writes fail instead of killing the tool: publish
+  // keeps its endpoint, watch ends cleanly.
+  std::signal(SIGPIPE, SIG_IGN);
   CLI::App app("Publish and discover endpoints in the shared-memory registry", "endpointregistry");
   app.set_version_flag("--version", "endpointregistry " ENDPOINTREGISTRY_VERSION);
   bool verbose = false;
@@ -49,6 +55,18 @@ int main(int argc, char** argv) {
   addGroupsCommand(app, run);
   addInspectCommand(app, run);
   addGcCommand(app, run);
+
+  std::vector<std::string> subcommands;
+  for (const CLI::App* command : app.get_subcommands({})) subcommands.push_back(command->get_name());
+  const FirstWord first = checkFirstWord(std::vector<std::string>(argv + 1, argv + argc), subcommands);
+  if (first.kind == FirstWord::Help) {
+    std::cout << app.help();
+    return Success;
+  }
+  if (first.kind == FirstWord::Wrong) {
+    std::cerr << "endpointregistry: " << first.message << "\nRun with --help for more information.\n";
+    return UsageError;
+  }
 
   try {
     app.parse(argc, argv);

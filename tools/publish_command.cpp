@@ -1,7 +1,8 @@
 // endpointregistry publish FIRST SECOND --group TAG [--trustee GROUP]...
 //
-// Publishes one endpoint and holds it until SIGINT or SIGTERM, then withdraws
-// it. Prints "live: FIRST SECOND (group TAG)" once the endpoint can be found,
+// Publishes one endpoint and holds it until SIGINT, SIGTERM or SIGHUP (the
+// terminal closed), then withdraws it; a reader of its output that goes
+// (`publish ... | true`) does not end it. Prints "live: FIRST SECOND (group TAG)" once the endpoint can be found,
 // and "withdrawn: FIRST SECOND" after it is gone. The library's refusals (a
 // duplicate, a trustee that is not one of the user's groups, empty data)
 // reach main() as exceptions and end the tool with status 1.
@@ -52,7 +53,7 @@ int runPublish(const PublishOptions& options) {
 
 void addPublishCommand(CLI::App& app, CommandRun& run) {
   auto options = std::make_shared<PublishOptions>();
-  CLI::App* command = app.add_subcommand("publish", "Publish an endpoint and hold it until SIGINT or SIGTERM");
+  CLI::App* command = app.add_subcommand("publish", "Publish an endpoint and hold it until SIGINT, SIGTERM or SIGHUP");
   command->add_option("FIRST", options->first, "First data string")->required();
   command->add_option("SECOND", options->second, "Second data string")->required();
   command->add_option("--group", options->groupTag, "Group tag to publish under")->type_name("TAG")->required();

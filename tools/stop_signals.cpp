@@ -16,6 +16,7 @@ sigset_t stopSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
   return set;
 }
 
@@ -24,7 +25,7 @@ sigset_t stopSignals() {
 void blockStopSignals() {
   const sigset_t set = stopSignals();
   if (const int error = pthread_sigmask(SIG_BLOCK, &set, nullptr); error != 0) {
-    throw std::system_error(error, std::generic_category(), "cannot block SIGINT and SIGTERM");
+    throw std::system_error(error, std::generic_category(), "cannot block SIGINT, SIGTERM and SIGHUP");
   }
 }
 

@@ -7,9 +7,9 @@
 // "appeared" | "disappeared", "first", "second"}. Woken by the library's
 // Watcher (folder events, and the kernel's wake-up when a publisher dies):
 // nothing is polled. --interval MS adds a safety re-listing every MS
-// milliseconds, off by default. Runs until SIGINT or SIGTERM, then exits
-// with status 0. Like a listing, it clears away the records of publishers
-// that died.
+// milliseconds, off by default. Runs until SIGINT, SIGTERM or SIGHUP, or
+// until the reader of its output goes, then exits with status 0. Like a listing, it clears away the records of
+// publishers that died.
 #include <poll.h>
 #include <unistd.h>
 #include <cerrno>
@@ -91,11 +91,14 @@ int runWatch(const WatchOptions& options) {
       shown.change(event.kind == EndpointChange::Appeared, event.data);
     }
     std::cout.flush();
-    pollfd waits[2] = {{stop.fd, POLLIN, 0}, {watcher.fileDescriptor(), POLLIN, 0}};
+    // Standard output is polled for nothing but its errors: a pipe whose
+    // reader went (`watch | head -2`) reports POLLERR at once.
+    pollfd waits[3] = {{stop.fd, POLLIN, 0}, {watcher.fileDescriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     const int timeout = options.intervalMilliseconds ? static_cast<int>(*options.intervalMilliseconds) : -1;
-    const int ready = poll(waits, 2, timeout);
+    const int ready = poll(waits, 3, timeout);
     if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
     if ((waits[0].revents & POLLIN) != 0) return Success;
+    if ((waits[2].revents & (POLLERR | POLLHUP)) != 0 || !std::cout) return Success;
     if (ready == 0) {
       shown.relist(listEndpoints(options.groupTag, options.selection));
       std::cout.flush();

@@ -92,6 +92,18 @@ TEST_F(CliPublishListTest, SigtermWithdrawsTheEndpoint) {
   EXPECT_TRUE(recordFiles(tag).empty());
 }
 
+// Closing the terminal (SIGHUP) withdraws as SIGINT does, and a reader of
+// the output that went before makes no difference (no death by SIGPIPE).
+TEST_F(CliPublishListTest, SighupWithdrawsEvenAfterTheReaderWent) {
+  auto publisher = publish("10.0.0.1", "8080", tag);
+  publisher->closeOutput();
+  publisher->signal(SIGHUP);
+  EXPECT_EQ(publisher->wait(), 0);
+  EXPECT_EQ(publisher->errors(), "");
+  EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
+  EXPECT_TRUE(recordFiles(tag).empty());
+}
+
 TEST_F(CliPublishListTest, DuplicateIsRefusedWithTheLibraryMessage) {
   auto publisher = publish("10.0.0.1", "8080", tag);
   const ToolRun duplicate = tool({"publish", "10.0.0.1", "8080", "--group", tag});

@@ -47,6 +47,44 @@ TEST(CliUsageTest, MissingSubcommandIsAUsageError) {
   EXPECT_EQ(run.err, std::string("endpointregistry: A subcommand is required") + moreInformation);
 }
 
+TEST(CliUsageTest, MistypedSubcommandIsNamedWithASuggestion) {
+  const ToolRun run = runTool({"lst"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err,
+            std::string("endpointregistry: unknown subcommand 'lst' (did you mean 'list'?)") + moreInformation);
+  EXPECT_EQ(runTool({"-v", "pub", "a"}).err,
+            std::string("endpointregistry: unknown subcommand 'pub' (did you mean 'publish'?)") + moreInformation);
+  EXPECT_EQ(runTool({"WATCH"}).err,
+            std::string("endpointregistry: unknown subcommand 'WATCH' (did you mean 'watch'?)") + moreInformation);
+}
+
+TEST(CliUsageTest, UnknownSubcommandListsTheSubcommands) {
+  const ToolRun run = runTool({"bogus", "--group", "x"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err,
+            std::string("endpointregistry: unknown subcommand 'bogus' (the subcommands are list, publish, watch, "
+                        "groups, inspect, gc)") +
+                moreInformation);
+}
+
+TEST(CliUsageTest, HelpAsAWordIsHelp) {
+  const ToolRun run = runTool({"help"});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out, runTool({"--help"}).out);
+}
+
+TEST(CliUsageTest, UnknownGlobalOptionIsNamedWithASuggestion) {
+  const ToolRun version = runTool({"-V"});
+  EXPECT_EQ(version.exitCode, 2);
+  EXPECT_EQ(version.err,
+            std::string("endpointregistry: unknown option '-V' (did you mean '--version'?)") + moreInformation);
+  EXPECT_EQ(runTool({"--verbos", "list"}).err,
+            std::string("endpointregistry: unknown option '--verbos' (did you mean '--verbose'?)") + moreInformation);
+  EXPECT_EQ(runTool({"--frobnicate"}).err,
+            std::string("endpointregistry: unknown option '--frobnicate'") + moreInformation);
+}
+
 TEST(CliUsageTest, UnknownOptionIsAUsageError) {
   const ToolRun run = runTool({"list", "--bogus"});
   EXPECT_EQ(run.exitCode, 2);

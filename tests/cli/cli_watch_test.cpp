@@ -39,6 +39,27 @@ TEST_F(CliWatchTest, SigkilledPublisherDisappears) {
   EXPECT_EQ(watcher->errors(), "");
 }
 
+// `watch | head -1`: once its reader goes, watch ends with status 0 at once,
+// not at its next change; SIGHUP ends it as SIGINT does.
+TEST_F(CliWatchTest, EndsWhenItsReaderGoesOrOnSighup) {
+  auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
+  ASSERT_EQ(publisher->readLine(), "live: 10.0.0.1 8080 (group " + tag + ")");
+  auto watcher = start({"watch", "--group", tag, "--json"});
+  const std::optional<std::string> appeared = watcher->readLine();
+  ASSERT_TRUE(appeared);
+  EXPECT_EQ(json::parse(*appeared), json::parse(R"({"event": "appeared", "first": "10.0.0.1", "second": "8080"})"));
+  watcher->closeOutput();
+  EXPECT_EQ(watcher->wait(), 0);
+  EXPECT_EQ(watcher->errors(), "");
+
+  auto second = start({"watch", "--group", tag});
+  ASSERT_EQ(second->readLine(), "+ 10.0.0.1 8080");
+  second->signal(SIGHUP);
+  EXPECT_EQ(second->wait(), 0);
+  publisher->signal(SIGINT);
+  EXPECT_EQ(publisher->wait(), 0);
+}
+
 TEST_F(CliWatchTest, EndpointsPresentAtStartAppearFirst) {
   auto first = start({"publish", "a", "1", "--group", tag});
   auto second = start({"publish", "b", "2", "--group", tag});

@@ -55,6 +55,11 @@ ToolProcess::~ToolProcess() {
   }
 }
 
+void ToolProcess::closeOutput() {
+  if (outFd_ >= 0) close(outFd_);
+  outFd_ = -1;
+}
+
 bool ToolProcess::pump(std::chrono::steady_clock::time_point deadline) {
   for (;;) {
     pollfd fds[2];

@@ -40,6 +40,9 @@ class ToolProcess {
   bool waitForLine(const std::string& line, std::chrono::milliseconds timeout = toolTimeout);
 
   void signal(int signal);
+  // Closes this end of the tool's standard output, as a reader that goes
+  // (`| head -1`) does: the tool's next write fails with EPIPE.
+  void closeOutput();
   // Waits for the tool to end, collecting the rest of its output: its exit
   // code, 128 + the signal that killed it, or nothing on time-out (it is then
   // killed).
