@@ -27,5 +27,7 @@ void addWatchCommand(CLI::App& app, CommandRun& run);
 void addGroupsCommand(CLI::App& app, CommandRun& run);
 void addInspectCommand(CLI::App& app, CommandRun& run);
 void addGcCommand(CLI::App& app, CommandRun& run);
+// Only in a tool built with the etcd bridge (ENDPOINTREGISTRY_HAVE_BRIDGE).
+void addBridgeCommand(CLI::App& app, CommandRun& run);
 
 }  // namespace agent::spf::endpointregistry::tool

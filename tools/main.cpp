@@ -1,6 +1,7 @@
 // endpointregistry: the command-line tool of the endpoint registry.
 //
-// Subcommands list, publish, watch, groups, inspect and gc (command.hpp).
+// Subcommands list, publish, watch, groups, inspect and gc (command.hpp), and
+// bridge when the etcd bridge is built.
 // Global options: --verbose sends the library's diagnostics to stderr,
 // --version prints the version, --help works at every level. Exit codes:
 // 0 success, 1 an error (its message on stderr), 2 a bad command line, 3 when
@@ -55,6 +56,9 @@ int main(int argc, char** argv) {
   addGroupsCommand(app, run);
   addInspectCommand(app, run);
   addGcCommand(app, run);
+#ifdef ENDPOINTREGISTRY_HAVE_BRIDGE
+  addBridgeCommand(app, run);
+#endif
 
   std::vector<std::string> subcommands;
   for (const CLI::App* command : app.get_subcommands({})) subcommands.push_back(command->get_name());
