@@ -4,7 +4,7 @@ import signal
 import subprocess
 import time
 
-from conftest import PATIENCE, stop_inside, wait_until, withdraw
+from testbed import PATIENCE, stop_inside, wait_until, withdraw
 
 TAG = "web"
 
@@ -127,7 +127,7 @@ def test_the_same_data_on_two_hosts_is_one_endpoint_on_each(cluster, hosts, pref
 
 
 def _probe_publish(first, second):
-    from conftest import PROBE
+    from testbed import PROBE
 
     return [PROBE, "publish", first.hex(), second.hex(), TAG]
 
@@ -166,7 +166,7 @@ def test_imports_are_published_under_the_chosen_trustees(cluster, hosts, prefix)
     import json
     import uuid
 
-    from conftest import TOOL
+    from testbed import TOOL
 
     group = "ertbr" + uuid.uuid4().hex[:8]
     subprocess.run(["groupadd", group], check=True, timeout=PATIENCE)

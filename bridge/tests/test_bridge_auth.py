@@ -7,7 +7,7 @@ import urllib.error
 
 import pytest
 
-from conftest import PATIENCE, b64, wait_until, withdraw
+from testbed import PATIENCE, b64, wait_until, withdraw
 
 
 def test_a_bridge_authenticates_and_others_cannot_read(cluster, hosts, prefix):
