@@ -62,10 +62,13 @@ TEST(CliUsageTest, MistypedSubcommandIsNamedWithASuggestion) {
 TEST(CliUsageTest, UnknownSubcommandListsTheSubcommands) {
   const ToolRun run = runTool({"bogus", "--group", "x"});
   EXPECT_EQ(run.exitCode, 2);
+#ifdef ENDPOINTREGISTRY_TOOL_HAS_BRIDGE
+  const std::string subcommands = "list, publish, watch, groups, inspect, gc, bridge";
+#else
+  const std::string subcommands = "list, publish, watch, groups, inspect, gc";
+#endif
   EXPECT_EQ(run.err,
-            std::string("endpointregistry: unknown subcommand 'bogus' (the subcommands are list, publish, watch, "
-                        "groups, inspect, gc)") +
-                moreInformation);
+            "endpointregistry: unknown subcommand 'bogus' (the subcommands are " + subcommands + ")" + moreInformation);
 }
 
 TEST(CliUsageTest, HelpAsAWordIsHelp) {
@@ -84,6 +87,21 @@ TEST(CliUsageTest, UnknownGlobalOptionIsNamedWithASuggestion) {
   EXPECT_EQ(runTool({"--frobnicate"}).err,
             std::string("endpointregistry: unknown option '--frobnicate'") + moreInformation);
 }
+
+#ifdef ENDPOINTREGISTRY_TOOL_HAS_BRIDGE
+TEST(CliUsageTest, BridgeNeedsAClusterATagAndAPasswordFileForAUser) {
+  const ToolRun noCluster = runTool({"bridge", "--group", "web"});
+  EXPECT_EQ(noCluster.exitCode, 2);
+  EXPECT_EQ(noCluster.err, std::string("endpointregistry: --etcd is required") + moreInformation);
+  EXPECT_EQ(runTool({"bridge", "--etcd", "http://127.0.0.1:1"}).err,
+            std::string("endpointregistry: --group is required") + moreInformation);
+  const ToolRun noPassword = runTool({"bridge", "--etcd", "http://127.0.0.1:1", "--group", "web", "--user", "u"});
+  EXPECT_EQ(noPassword.exitCode, 2);
+  EXPECT_EQ(noPassword.err, std::string("endpointregistry: --user requires --password-file") + moreInformation);
+  EXPECT_EQ(runTool({"bridge", "--etcd", "http://127.0.0.1:1", "--group", "web", "--host", "a/b"}).err,
+            "endpointregistry: error: bridge: invalid host name 'a/b'\n");
+}
+#endif
 
 TEST(CliUsageTest, UnknownOptionIsAUsageError) {
   const ToolRun run = runTool({"list", "--bogus"});
