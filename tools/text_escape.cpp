@@ -102,4 +102,15 @@ std::string escapeText(const std::string& text) {
 
 std::string displayText(const std::string& text) { return text.empty() ? std::string("\"\"") : escapeText(text); }
 
+std::string quotedWord(const std::string& text) {
+  const std::string shown = displayText(text);
+  if (text.empty() || shown.find_first_of(" \"'") == std::string::npos) return shown;
+  std::string quoted = "\"";
+  for (char c : shown) {
+    if (c == '"') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
 }  // namespace agent::spf::endpointregistry::tool

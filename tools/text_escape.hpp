@@ -24,4 +24,9 @@ std::string escapeText(const std::string& text);
 // cell or a word on a line never vanishes.
 std::string displayText(const std::string& text);
 
+// displayText() as one word of a line: in double quotes when it holds a
+// blank or a quote (a double quote inside written \"), so that a line of
+// words splits back into the strings it shows.
+std::string quotedWord(const std::string& text);
+
 }  // namespace agent::spf::endpointregistry::tool

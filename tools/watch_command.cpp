@@ -1,10 +1,13 @@
 // endpointregistry watch [--group TAG] [--trustee T]... [--all-trustees]
-//                        [--interval MS] [--json]
+//                        [--interval MS] [--json] [--timestamps]
 //
 // Prints the changes as they happen: "+ FIRST SECOND" for an endpoint that
-// appeared, "- FIRST SECOND" for one that disappeared (the endpoints live at
-// the start all appear). With --json each change is one line {"event":
-// "appeared" | "disappeared", "first", "second"}. Woken by the library's
+// appeared, "- FIRST SECOND" for one that disappeared (a string with a blank
+// or a quote in double quotes). The endpoints live at the start all appear
+// first, then a line "ready" says that all of them are out. With --json each
+// line is an object {"event": "appeared" | "disappeared", "first", "second"},
+// and {"event": "ready"}; --timestamps begins each line with the time in UTC
+// (JSON: a "time" field). Woken by the library's
 // Watcher (folder events, and the kernel's wake-up when a publisher dies):
 // nothing is polled. --interval MS adds a safety re-listing every MS
 // milliseconds, off by default. Runs until SIGINT, SIGTERM or SIGHUP, or
@@ -26,6 +29,7 @@
 #include "json_text.hpp"
 #include "stop_signals.hpp"
 #include "text_escape.hpp"
+#include "timestamp.hpp"
 #include "trustee_selection.hpp"
 
 namespace agent::spf::endpointregistry::tool {
@@ -38,7 +42,27 @@ struct WatchOptions {
   TrusteeSelection selection;
   std::optional<unsigned> intervalMilliseconds;
   bool json = false;
+  bool timestamps = false;
 };
+
+// One line of output: the event, the pair (none for "ready").
+void printLine(const WatchOptions& options, const char* event, const Pair* pair) {
+  const std::string time = options.timestamps ? utcTimestamp(std::chrono::system_clock::now()) : std::string();
+  if (options.json) {
+    Json line = {{"event", event}};
+    if (options.timestamps) line["time"] = time;
+    if (pair) addTexts(line, {{"first", &pair->first}, {"second", &pair->second}});
+    std::cout << dumpJson(line, -1) << '\n';
+    return;
+  }
+  if (options.timestamps) std::cout << time << ' ';
+  if (!pair) {
+    std::cout << event << '\n';
+    return;
+  }
+  std::cout << (std::string(event) == "appeared" ? "+ " : "- ") << quotedWord(pair->first) << ' '
+            << quotedWord(pair->second) << '\n';
+}
 
 // The pairs shown so far; a change is printed only when it changes them, so
 // that a safety re-listing and the watcher never print one change twice.
@@ -48,13 +72,7 @@ class Shown {
 
   void change(bool appeared, const Pair& pair) {
     if (appeared ? !pairs.insert(pair).second : pairs.erase(pair) == 0) return;
-    if (options.json) {
-      Json line = {{"event", appeared ? "appeared" : "disappeared"}};
-      addTexts(line, {{"first", &pair.first}, {"second", &pair.second}});
-      std::cout << dumpJson(line, -1) << '\n';
-    } else {
-      std::cout << (appeared ? "+ " : "- ") << displayText(pair.first) << ' ' << displayText(pair.second) << '\n';
-    }
+    printLine(options, appeared ? "appeared" : "disappeared", &pair);
   }
 
   // Prints the difference between what is shown and a full listing.
@@ -86,10 +104,11 @@ int runWatch(const WatchOptions& options) {
   const Descriptor stop(stopSignalDescriptor());
   Watcher watcher(options.groupTag, options.selection.resolve());
   Shown shown(options);
-  for (;;) {
+  for (bool first = true;; first = false) {
     for (const EndpointChange& event : watcher.changes()) {
       shown.change(event.kind == EndpointChange::Appeared, event.data);
     }
+    if (first) printLine(options, "ready", nullptr);
     std::cout.flush();
     // Standard output is polled for nothing but its errors: a pipe whose
     // reader went (`watch | head -2`) reports POLLERR at once.
@@ -120,6 +139,7 @@ void addWatchCommand(CLI::App& app, CommandRun& run) {
       ->type_name("MS")
       ->check(CLI::Range(1u, 3'600'000u));
   command->add_flag("--json", options->json, "Write one JSON object per change and line");
+  command->add_flag("--timestamps", options->timestamps, "Begin each line with the time (UTC, microseconds)");
   command->callback([options, &run] { run = [options] { return runWatch(*options); }; });
 }
 

@@ -85,6 +85,7 @@ TEST_F(CliEscapeTest, JsonKeepsValidUtf8ExactlyAndEscapesItsControlCharacters) {
 
 TEST_F(CliEscapeTest, WatchEscapesToo) {
   auto watcher = start({"watch", "--group", tag});
+  ASSERT_EQ(watcher->readLine(), "ready");
   auto publisher = start({"publish",
                           "\xe2\x80\xae"
                           "abc",

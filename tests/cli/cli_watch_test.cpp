@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <string>
 
 #include "directory/segment_names.hpp"
@@ -23,6 +24,7 @@ class CliWatchTest : public ToolTest {
 
 TEST_F(CliWatchTest, SigkilledPublisherDisappears) {
   auto watcher = start({"watch", "--group", tag});
+  ASSERT_EQ(watcher->readLine(), "ready");
   auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
   ASSERT_EQ(publisher->readLine(), "live: 10.0.0.1 8080 (group " + tag + ")");
   EXPECT_EQ(watcher->readLine(), "+ 10.0.0.1 8080");
@@ -48,12 +50,14 @@ TEST_F(CliWatchTest, EndsWhenItsReaderGoesOrOnSighup) {
   const std::optional<std::string> appeared = watcher->readLine();
   ASSERT_TRUE(appeared);
   EXPECT_EQ(json::parse(*appeared), json::parse(R"({"event": "appeared", "first": "10.0.0.1", "second": "8080"})"));
+  ASSERT_EQ(watcher->readLine(), R"({"event":"ready"})");
   watcher->closeOutput();
   EXPECT_EQ(watcher->wait(), 0);
   EXPECT_EQ(watcher->errors(), "");
 
   auto second = start({"watch", "--group", tag});
   ASSERT_EQ(second->readLine(), "+ 10.0.0.1 8080");
+  ASSERT_EQ(second->readLine(), "ready");
   second->signal(SIGHUP);
   EXPECT_EQ(second->wait(), 0);
   publisher->signal(SIGINT);
@@ -68,6 +72,7 @@ TEST_F(CliWatchTest, EndpointsPresentAtStartAppearFirst) {
   auto watcher = start({"watch", "--group", tag});
   EXPECT_EQ(watcher->readLine(), "+ a 1");
   EXPECT_EQ(watcher->readLine(), "+ b 2");
+  EXPECT_EQ(watcher->readLine(), "ready");
   first->signal(SIGINT);
   EXPECT_EQ(first->wait(), 0);
   EXPECT_EQ(watcher->readLine(), "- a 1");
@@ -77,6 +82,7 @@ TEST_F(CliWatchTest, EndpointsPresentAtStartAppearFirst) {
 
 TEST_F(CliWatchTest, JsonLinesDescribeEachChange) {
   auto watcher = start({"watch", "--group", tag, "--json"});
+  ASSERT_EQ(watcher->readLine(), R"({"event":"ready"})");
   auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
   ASSERT_TRUE(publisher->readLine());
   const std::optional<std::string> appeared = watcher->readLine();
@@ -95,6 +101,7 @@ TEST_F(CliWatchTest, JsonLinesDescribeEachChange) {
 // With the safety re-listing on, each change is still printed once.
 TEST_F(CliWatchTest, SafetyRelistingPrintsEachChangeOnce) {
   auto watcher = start({"watch", "--group", tag, "--interval", "5"});
+  ASSERT_EQ(watcher->readLine(), "ready");
   auto publisher = start({"publish", "10.0.0.1", "8080", "--group", tag});
   ASSERT_TRUE(publisher->readLine());
   EXPECT_EQ(watcher->readLine(), "+ 10.0.0.1 8080");
@@ -110,6 +117,37 @@ TEST_F(CliWatchTest, SafetyRelistingPrintsEachChangeOnce) {
   watcher->signal(SIGINT);
   EXPECT_EQ(watcher->wait(), 0);
   EXPECT_EQ(watcher->output(), "");
+}
+
+// --timestamps begins each line with the time; strings with blanks or quotes
+// are quoted, so that a line splits back into its strings.
+TEST_F(CliWatchTest, TimestampsAndQuotedStrings) {
+  auto watcher = start({"watch", "--group", tag, "--timestamps"});
+  const std::optional<std::string> ready = watcher->readLine();
+  ASSERT_TRUE(ready);
+  const std::regex stamped(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z (.*))");
+  std::smatch parts;
+  ASSERT_TRUE(std::regex_match(*ready, parts, stamped)) << *ready;
+  EXPECT_EQ(parts[1], "ready");
+  auto publisher = start({"publish", "a b", "say \"hi\"", "--group", tag});
+  ASSERT_TRUE(publisher->readLine());
+  const std::optional<std::string> appeared = watcher->readLine();
+  ASSERT_TRUE(appeared);
+  ASSERT_TRUE(std::regex_match(*appeared, parts, stamped)) << *appeared;
+  EXPECT_EQ(parts[1], R"(+ "a b" "say \"hi\"")");
+  publisher->signal(SIGINT);
+  EXPECT_EQ(publisher->wait(), 0);
+  watcher->signal(SIGINT);
+  EXPECT_EQ(watcher->wait(), 0);
+
+  auto json = start({"watch", "--group", tag, "--json", "--timestamps"});
+  const std::optional<std::string> line = json->readLine();
+  ASSERT_TRUE(line);
+  const nlohmann::json parsed = nlohmann::json::parse(*line);
+  EXPECT_EQ(parsed["event"], "ready");
+  EXPECT_TRUE(std::regex_match(parsed["time"].get<std::string>(), std::regex(R"(\d{4}-.*\.\d{6}Z)")));
+  json->signal(SIGINT);
+  EXPECT_EQ(json->wait(), 0);
 }
 
 }  // namespace
