@@ -6,6 +6,8 @@
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -22,7 +24,9 @@ enum ExitCode : int {
 using CommandRun = std::function<int()>;
 
 void addListCommand(CLI::App& app, CommandRun& run);
-void addPublishCommand(CLI::App& app, CommandRun& run);
+// `arguments`: the whole command line, which tells whether a command to run
+// came after "--".
+void addPublishCommand(CLI::App& app, CommandRun& run, const std::vector<std::string>& arguments);
 void addWatchCommand(CLI::App& app, CommandRun& run);
 void addGroupsCommand(CLI::App& app, CommandRun& run);
 void addInspectCommand(CLI::App& app, CommandRun& run);

@@ -50,8 +50,9 @@ int main(int argc, char** argv) {
   });
 
   CommandRun run;
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
   addListCommand(app, run);
-  addPublishCommand(app, run);
+  addPublishCommand(app, run, arguments);
   addWatchCommand(app, run);
   addGroupsCommand(app, run);
   addInspectCommand(app, run);
@@ -62,7 +63,7 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> subcommands;
   for (const CLI::App* command : app.get_subcommands({})) subcommands.push_back(command->get_name());
-  const FirstWord first = checkFirstWord(std::vector<std::string>(argv + 1, argv + argc), subcommands);
+  const FirstWord first = checkFirstWord(arguments, subcommands);
   if (first.kind == FirstWord::Help) {
     std::cout << app.help();
     return Success;

@@ -1,4 +1,4 @@
-// endpointregistry publish FIRST SECOND --group TAG [--trustee GROUP]...
+// endpointregistry publish FIRST SECOND --group TAG [--trustee GROUP]... [-- COMMAND [ARGS]...]
 //
 // Publishes one endpoint and holds it until SIGINT, SIGTERM or SIGHUP (the
 // terminal closed), then withdraws it; a reader of its output that goes
@@ -6,6 +6,14 @@
 // and "withdrawn: FIRST SECOND" after it is gone. The library's refusals (a
 // duplicate, a trustee that is not one of the user's groups, empty data)
 // reach main() as exceptions and end the tool with status 1.
+//
+// With a COMMAND, the endpoint is held exactly while the command runs: it
+// is published first, the command is started (stop signals are passed on to
+// it), and once it ends the endpoint is withdrawn and the tool exits with the
+// command's status. When NOTIFY_SOCKET is set (a systemd service of
+// Type=notify), the tool tells systemd "READY=1" once the endpoint is live.
+#include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <set>
@@ -14,6 +22,11 @@
 
 #include <endpointregistry/endpoint.hpp>
 
+#ifdef ENDPOINTREGISTRY_HAVE_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
+#include "child_command.hpp"
 #include "command.hpp"
 #include "stop_signals.hpp"
 #include "text_escape.hpp"
@@ -26,7 +39,15 @@ struct PublishOptions {
   std::string second;
   std::string groupTag;
   std::vector<std::string> trustees;
+  std::vector<std::string> command;
 };
+
+// Tells systemd that the service is ready, when it asks (NOTIFY_SOCKET).
+void notifyReady() {
+#ifdef ENDPOINTREGISTRY_HAVE_SYSTEMD
+  if (std::getenv("NOTIFY_SOCKET") != nullptr) (void)sd_notify(0, "READY=1");
+#endif
+}
 
 std::string describe(const PublishOptions& options) {
   return displayText(options.first) + " " + displayText(options.second);
@@ -42,16 +63,17 @@ int runPublish(const PublishOptions& options) {
   std::string details = "group " + displayText(options.groupTag);
   for (const std::string& trustee : endpoint.getTrustees()) details += ", trustee " + displayText(trustee);
   std::cout << "live: " << describe(options) << " (" << details << ")" << std::endl;
+  notifyReady();
 
-  waitForStopSignal();
+  const int status = options.command.empty() ? (waitForStopSignal(), Success) : runCommand(options.command);
   endpoint.reset();
   std::cout << "withdrawn: " << describe(options) << std::endl;
-  return Success;
+  return status;
 }
 
 }  // namespace
 
-void addPublishCommand(CLI::App& app, CommandRun& run) {
+void addPublishCommand(CLI::App& app, CommandRun& run, const std::vector<std::string>& arguments) {
   auto options = std::make_shared<PublishOptions>();
   CLI::App* command = app.add_subcommand("publish", "Publish an endpoint and hold it until SIGINT, SIGTERM or SIGHUP");
   command->add_option("FIRST", options->first, "First data string")->required();
@@ -61,7 +83,20 @@ void addPublishCommand(CLI::App& app, CommandRun& run) {
       ->add_option("--trustee", options->trustees, "Also publish for the members of this group of yours (repeatable)")
       ->type_name("GROUP")
       ->allow_extra_args(false);
-  command->callback([options, &run] { run = [options] { return runPublish(*options); }; });
+  command->add_option("COMMAND", options->command,
+                      "After --: a command to run; the endpoint is held while it runs, and its exit status is the "
+                      "tool's");
+  command->callback([options, &run, &arguments] {
+    // A command goes after "--"; a third word before it is a mistake.
+    const auto separator = std::find(arguments.begin(), arguments.end(), "--");
+    const std::vector<std::string> tail(separator == arguments.end() ? arguments.end() : separator + 1,
+                                        arguments.end());
+    if (options->command != tail) {
+      throw CLI::ValidationError("unexpected word '" + options->command.front() +
+                                 "' (a command to run goes after --: publish FIRST SECOND --group TAG -- COMMAND)");
+    }
+    run = [options] { return runPublish(*options); };
+  });
 }
 
 }  // namespace agent::spf::endpointregistry::tool
