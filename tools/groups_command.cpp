@@ -2,6 +2,7 @@
 //
 // The names of the current user's groups, one per line: the names that may
 // be trustees of an endpoint, and whose directories --all-trustees reads.
+// With none, standard output stays empty and stderr says why.
 #include <iostream>
 
 #include "command.hpp"
@@ -12,8 +13,12 @@ namespace agent::spf::endpointregistry::tool {
 namespace {
 
 int runGroups() {
-  for (const std::string& group : getCurrentUserGroups()) std::cout << displayText(group) << '\n';
+  const std::set<std::string> groups = getCurrentUserGroups();
+  for (const std::string& group : groups) std::cout << displayText(group) << '\n';
   std::cout.flush();
+  // Nothing on standard output, as scripts expect; people are told why.
+  if (groups.empty())
+    std::cerr << "endpointregistry: you have no supplementary groups, and only those can be trustees\n";
   return Success;
 }
 

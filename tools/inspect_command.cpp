@@ -14,6 +14,7 @@
 #include "record_view.hpp"
 #include "table.hpp"
 #include "text_escape.hpp"
+#include "trustee_selection.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
@@ -110,6 +111,7 @@ void printText(const RawDirectory& directory) {
 }
 
 int runInspect(const InspectOptions& options) {
+  checkTrustee(options.trustee);
   const RawDirectory directory = readRawDirectory(options.trustee);
   if (options.json) {
     printJson(directory);

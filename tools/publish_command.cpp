@@ -14,9 +14,11 @@
 // Type=notify), the tool tells systemd "READY=1" once the endpoint is live.
 #include <algorithm>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -26,10 +28,14 @@
 #include <systemd/sd-daemon.h>
 #endif
 
+#include <agent/spf/sharedmemory/shared_memory.hpp>
+
 #include "child_command.hpp"
 #include "command.hpp"
+#include "directory/segment_names.hpp"
 #include "stop_signals.hpp"
 #include "text_escape.hpp"
+#include "trustee_selection.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
@@ -53,9 +59,26 @@ std::string describe(const PublishOptions& options) {
   return displayText(options.first) + " " + displayText(options.second);
 }
 
+// The library's refusal of a duplicate, with what the tool knows around it:
+// the endpoint, and the process that holds it in the user's own scope.
+[[noreturn]] void refuseDuplicate(const PublishOptions& options, const std::exception& error) {
+  std::string holder;
+  const auto names =
+      agent::spf::sharedmemory::listSegmentNames("", synonymPrefix({options.first, options.second}, options.groupTag));
+  if (!names.empty()) holder = " by process " + std::to_string(recordPid(names.front()));
+  throw std::runtime_error("endpoint " + describe(options) + " (group " + displayText(options.groupTag) +
+                           ") is already published" + holder + ": " + error.what());
+}
+
 int runPublish(const PublishOptions& options) {
   blockStopSignals();
-  Endpoint endpoint = Endpoint::publish(options.first, options.second, options.groupTag);
+  for (const std::string& trustee : options.trustees) checkTrustee(trustee);
+  Endpoint endpoint;
+  try {
+    endpoint = Endpoint::publish(options.first, options.second, options.groupTag);
+  } catch (const Endpoint::DuplicateEndpointError& error) {
+    refuseDuplicate(options, error);
+  }
   if (!options.trustees.empty()) {
     endpoint.addTrustees(std::set<std::string>(options.trustees.begin(), options.trustees.end()));
   }

@@ -22,9 +22,19 @@ struct TrusteeSelection {
   // Adds --all-trustees only.
   void addAllTrusteesOption(CLI::App& command);
 
-  // The trustee set the options select.
+  // The trustee set the options select. Throws std::runtime_error (see
+  // checkTrustee()) for a named trustee that is not one of the user's groups
+  // or whose directory the user may not read.
   std::set<std::string> resolve() const;
 };
+
+// Throws std::runtime_error unless `trustee` is "" or one of the user's
+// (supplementary) groups whose scope folder, if it exists, the user may
+// read. The message names it and what is wrong:
+//   trustee 'nope': no such group (your groups: monitoring, ops)
+//   trustee 'root' is not one of your groups (your groups: monitoring, ops)
+//   trustee 'ops': permission denied (/dev/shm/g1001)
+void checkTrustee(const std::string& trustee);
 
 // The live endpoints of `groupTag` ("" for every tag) under the selected
 // trustees, as the library's filter returns them. Clears stale records it meets.

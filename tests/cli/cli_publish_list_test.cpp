@@ -5,6 +5,7 @@
 #include <csignal>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 #include "directory/segment_names.hpp"
@@ -109,15 +110,34 @@ TEST_F(CliPublishListTest, DuplicateIsRefusedWithTheLibraryMessage) {
   const ToolRun duplicate = tool({"publish", "10.0.0.1", "8080", "--group", tag});
   EXPECT_EQ(duplicate.exitCode, 1);
   EXPECT_EQ(duplicate.out, "");
-  EXPECT_EQ(duplicate.err, "endpointregistry: error: Endpoint already exists in registry\n");
+  EXPECT_EQ(duplicate.err, "endpointregistry: error: endpoint 10.0.0.1 8080 (group " + tag +
+                               ") is already published by process " + std::to_string(publisher->pid()) +
+                               ": Endpoint already exists in registry\n");
   EXPECT_EQ(tool({"list", "--group", tag}).out, "FIRST     SECOND\n10.0.0.1  8080\n");
 }
 
-TEST_F(CliPublishListTest, TrusteeThatIsNoGroupOfTheUserIsRefused) {
-  const ToolRun run = tool({"publish", "a", "b", "--group", tag, "--trustee", uniqueName("noSuchGroup")});
+// The user's groups as the refusals list them.
+std::string yourGroups(const std::string& groupsOutput) {
+  if (groupsOutput.empty()) return "you have no supplementary groups, and only those can be trustees";
+  std::string text = "your groups: ";
+  std::istringstream lines(groupsOutput);
+  std::string line;
+  for (bool first = true; std::getline(lines, line); first = false) text += (first ? "" : ", ") + line;
+  return text;
+}
+
+TEST_F(CliPublishListTest, TrusteeThatIsNoGroupOfTheUserIsRefusedByName) {
+  const std::string name = uniqueName("noSuchGroup");
+  const ToolRun run = tool({"publish", "a", "b", "--group", tag, "--trustee", name});
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "endpointregistry: error: Trustees can only be groups of the current user\n");
+  const std::string groups = yourGroups(tool({"groups"}).out);
+  EXPECT_EQ(run.err, "endpointregistry: error: trustee '" + name + "': no such group (" + groups + ")\n");
+  const ToolRun listing = tool({"list", "--trustee", name});
+  EXPECT_EQ(listing.exitCode, 1);
+  EXPECT_EQ(listing.out, "");
+  EXPECT_EQ(listing.err, run.err);
+  EXPECT_EQ(tool({"inspect", "--trustee", name}).err, run.err);
   EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
   EXPECT_TRUE(recordFiles(tag).empty());
 }

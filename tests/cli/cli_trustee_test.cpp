@@ -3,6 +3,8 @@
 // member of the group, and list selects directories by trustee.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -69,6 +71,37 @@ TEST_F(CliTrusteeTest, TrusteeMakesTheEndpointVisibleToAnotherMember) {
   EXPECT_EQ(publisher.readLine(), "withdrawn: 10.0.0.1 8080");
   EXPECT_EQ(publisher.wait(), 0);
   EXPECT_EQ(runTool({"list", "--group", tag, "--all-trustees", "--exit-status"}, reader).exitCode, 3);
+}
+
+// A group that exists but is not the user's is named as such, with the
+// user's groups; a group directory the user may not read is "permission
+// denied", not an empty answer.
+TEST_F(CliTrusteeTest, ForeignGroupsAndUnreadableDirectoriesAreErrors) {
+  const auto reader = readerUser->identity();
+  const ToolRun foreign = runTool({"list", "--trustee", otherGroup->name()}, reader);
+  EXPECT_EQ(foreign.exitCode, 1);
+  EXPECT_EQ(foreign.out, "");
+  EXPECT_EQ(foreign.err, "endpointregistry: error: trustee '" + otherGroup->name() +
+                             "' is not one of your groups (your groups: " + group->name() + ")\n");
+  EXPECT_EQ(runTool({"watch", "--trustee", otherGroup->name()}, reader).err, foreign.err);
+  EXPECT_EQ(runTool({"gc", "--trustee", otherGroup->name()}, reader).err, foreign.err);
+
+  const std::string folder = er::test::groupScope(group->gid());
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);  // root's, and closed to the group
+  const ToolRun denied = runTool({"list", "--trustee", group->name()}, reader);
+  EXPECT_EQ(denied.exitCode, 1);
+  EXPECT_EQ(denied.err,
+            "endpointregistry: error: trustee '" + group->name() + "': permission denied (" + folder + ")\n");
+  EXPECT_EQ(runTool({"inspect", "--trustee", group->name()}, reader).err, denied.err);
+}
+
+// groups says why it prints nothing for a user without supplementary groups.
+TEST_F(CliTrusteeTest, GroupsExplainsAnEmptyAnswer) {
+  IsolatedUser loner(std::vector<gid_t>{});
+  const ToolRun run = runTool({"groups"}, loner.identity());
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "endpointregistry: you have no supplementary groups, and only those can be trustees\n");
 }
 
 }  // namespace
