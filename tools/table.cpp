@@ -11,13 +11,15 @@ void Table::addRow(std::vector<std::string> cells) {
   rows_.push_back(std::move(cells));
 }
 
-void Table::print(std::ostream& out) const {
+void Table::print(std::ostream& out, bool legend) const {
   const std::size_t columns = rows_.front().size();
+  const auto shown = rows_.begin() + (legend ? 0 : 1);
   std::vector<std::size_t> widths(columns, 0);
-  for (const auto& row : rows_) {
-    for (std::size_t c = 0; c < columns; ++c) widths[c] = std::max(widths[c], displayWidth(row[c]));
+  for (auto row = shown; row != rows_.end(); ++row) {
+    for (std::size_t c = 0; c < columns; ++c) widths[c] = std::max(widths[c], displayWidth((*row)[c]));
   }
-  for (const auto& row : rows_) {
+  for (auto it = shown; it != rows_.end(); ++it) {
+    const auto& row = *it;
     std::string line;
     for (std::size_t c = 0; c < columns; ++c) {
       line += row[c];

@@ -16,8 +16,9 @@ class Table {
   // are empty, extra cells are dropped.
   void addRow(std::vector<std::string> cells);
 
-  // Writes the header and the rows; the last column is not padded.
-  void print(std::ostream& out) const;
+  // Writes the header (unless `legend` is false) and the rows; the last
+  // column is not padded.
+  void print(std::ostream& out, bool legend = true) const;
 
  private:
   std::vector<std::vector<std::string>> rows_;

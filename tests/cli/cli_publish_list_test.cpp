@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -140,6 +142,38 @@ TEST_F(CliPublishListTest, TrusteeThatIsNoGroupOfTheUserIsRefusedByName) {
   EXPECT_EQ(tool({"inspect", "--trustee", name}).err, run.err);
   EXPECT_EQ(tool({"list", "--group", tag, "--exit-status"}).exitCode, 3);
   EXPECT_TRUE(recordFiles(tag).empty());
+}
+
+// The long form: one line per record, with who published it, where, under
+// which tag (its hash when no --group names it) and since when.
+TEST_F(CliPublishListTest, LongFormShowsEachRecord) {
+  auto one = publish("10.0.0.1", "8080", tag);
+  auto two = publish("10.0.0.1", "8080", otherTag);
+  const ToolRun table = tool({"list", "-l", "--group", tag});
+  EXPECT_EQ(table.exitCode, 0);
+  const std::regex row(
+      R"(FIRST     SECOND  PID +TRUSTEE  GROUP +AGE\n10\.0\.0\.1  8080    (\d+) +\(own\)    (\S+) +\d+m?s\n)");
+  std::smatch parts;
+  ASSERT_TRUE(std::regex_match(table.out, parts, row)) << table.out;
+  EXPECT_EQ(parts[1], std::to_string(one->pid()));
+  EXPECT_EQ(parts[2], tag);
+
+  const json records = json::parse(tool({"list", "--long", "--json"}).out);
+  std::map<std::string, json> byHash;
+  for (const json& record : records) {
+    if (record["first"] == "10.0.0.1") byHash[record["group_hash"].get<std::string>()] = record;
+  }
+  ASSERT_EQ(byHash.size(), 2u) << records;
+  const json& first = byHash.at(agent::spf::endpointregistry::hashText(tag));
+  EXPECT_EQ(first["pid"], one->pid());
+  EXPECT_EQ(first["trustee"], "");
+  EXPECT_EQ(first["second"], "8080");
+  EXPECT_GE(first["age_seconds"].get<double>(), 0.0);
+  EXPECT_TRUE(std::regex_match(first["published_at"].get<std::string>(),
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)")));
+  EXPECT_EQ(byHash.at(agent::spf::endpointregistry::hashText(otherTag))["pid"], two->pid());
+  // The short form shows the pair once.
+  EXPECT_EQ(tool({"list", "--group", tag, "--no-legend"}).out, "10.0.0.1  8080\n");
 }
 
 TEST_F(CliPublishListTest, EmptyStringIsShownAsQuotes) {
