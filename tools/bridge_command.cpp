@@ -19,6 +19,7 @@
 
 #include "bridge.hpp"
 #include "command.hpp"
+#include "option_checks.hpp"
 #include "stop_signals.hpp"
 
 namespace agent::spf::endpointregistry::tool {
@@ -107,7 +108,7 @@ void addBridgeCommand(CLI::App& app, CommandRun& run) {
       ->type_name("GROUP");
   command->add_option("--ttl", options->ttl, "The lease's time to live in seconds")
       ->capture_default_str()
-      ->check(CLI::Range(2u, 3600u));
+      ->check(wholeNumber(2, 3600, "seconds"));
   command->add_option("--cacert", options->caFile, "TLS: the CA certificate of the members")->check(CLI::ExistingFile);
   command->add_option("--cert", options->certFile, "TLS: this client's certificate")->check(CLI::ExistingFile);
   command->add_option("--key", options->keyFile, "TLS: this client's private key")->check(CLI::ExistingFile);

@@ -17,6 +17,7 @@
 
 #include "command.hpp"
 #include "first_word.hpp"
+#include "option_checks.hpp"
 
 namespace {
 
@@ -45,8 +46,11 @@ int main(int argc, char** argv) {
   app.add_flag("-v,--verbose", verbose, "Write the library's diagnostics to stderr");
   app.require_subcommand(1);
   app.fallthrough();
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string("endpointregistry: ") + error.what() + "\nRun with --help for more information.\n";
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    std::string message = unexpectedArgumentMessage(*failed, error);
+    if (message.empty()) message = repeatedOptionMessage(*failed, error);
+    if (message.empty()) message = error.what();
+    return "endpointregistry: " + message + "\nRun with --help for more information.\n";
   });
 
   CommandRun run;

@@ -27,6 +27,7 @@
 
 #include "command.hpp"
 #include "json_text.hpp"
+#include "option_checks.hpp"
 #include "stop_signals.hpp"
 #include "text_escape.hpp"
 #include "timestamp.hpp"
@@ -137,7 +138,7 @@ void addWatchCommand(CLI::App& app, CommandRun& run) {
                    "Also list everything again every MS milliseconds, as a safety net (off by default: changes are "
                    "reported as they happen)")
       ->type_name("MS")
-      ->check(CLI::Range(1u, 3'600'000u));
+      ->check(wholeNumber(1, 3'600'000, "milliseconds"));
   command->add_flag("--json", options->json, "Write one JSON object per change and line");
   command->add_flag("--timestamps", options->timestamps, "Begin each line with the time (UTC, microseconds)");
   command->callback([options, &run] { run = [options] { return runWatch(*options); }; });

@@ -106,8 +106,24 @@ TEST(CliUsageTest, BridgeNeedsAClusterATagAndAPasswordFileForAUser) {
 TEST(CliUsageTest, UnknownOptionIsAUsageError) {
   const ToolRun run = runTool({"list", "--bogus"});
   EXPECT_EQ(run.exitCode, 2);
-  EXPECT_EQ(run.err,
-            std::string("endpointregistry: The following argument was not expected: --bogus") + moreInformation);
+  EXPECT_EQ(run.err, std::string("endpointregistry: unknown option '--bogus' for list") + moreInformation);
+}
+
+TEST(CliUsageTest, MistypedOptionIsNamedWithASuggestion) {
+  EXPECT_EQ(
+      runTool({"list", "--grup", "web"}).err,
+      std::string("endpointregistry: unknown option '--grup' for list (did you mean '--group'?)") + moreInformation);
+  EXPECT_EQ(
+      runTool({"watch", "--jsn"}).err,
+      std::string("endpointregistry: unknown option '--jsn' for watch (did you mean '--json'?)") + moreInformation);
+  EXPECT_EQ(runTool({"list", "extra"}).err,
+            std::string("endpointregistry: unexpected word 'extra' for list") + moreInformation);
+}
+
+TEST(CliUsageTest, ARepeatedSingleOptionNamesItsValues) {
+  const ToolRun run = runTool({"list", "--group", "a", "--group", "b"});
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_EQ(run.err, std::string("endpointregistry: --group given 2 times ('a', 'b'); it takes one") + moreInformation);
 }
 
 TEST(CliUsageTest, PublishNeedsAGroupTag) {
@@ -131,7 +147,11 @@ TEST(CliUsageTest, TrusteeAndAllTrusteesExcludeEachOther) {
 TEST(CliUsageTest, WatchIntervalMustBePositive) {
   const ToolRun run = runTool({"watch", "--interval", "0"});
   EXPECT_EQ(run.exitCode, 2);
-  EXPECT_EQ(run.err, std::string("endpointregistry: --interval: Value 0 not in range 1 to 3600000") + moreInformation);
+  EXPECT_EQ(run.err, std::string("endpointregistry: --interval: 0 is out of range (1 to 3600000 milliseconds)") +
+                         moreInformation);
+  EXPECT_EQ(runTool({"watch", "--interval", "abc"}).err,
+            std::string("endpointregistry: --interval: 'abc' is not a whole number of milliseconds (1 to 3600000)") +
+                moreInformation);
 }
 
 TEST(CliUsageTest, RefusedRequestExitsWithOneAndTheLibraryMessage) {
