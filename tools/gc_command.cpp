@@ -20,12 +20,12 @@ namespace {
 
 struct GcOptions {
   TrusteeSelection selection;
-  bool json = false;
+  JsonStyle json;
 };
 
 int runGc(const GcOptions& options) {
   const GarbageReport report = collectGarbage(options.selection.resolve());
-  if (options.json) {
+  if (options.json.on()) {
     Json object = Json::object();
     object["staleRecords"] = report.staleRecords;
     object["unnamedSegments"] = report.unnamedSegments;
@@ -33,7 +33,7 @@ int runGc(const GcOptions& options) {
     object["leftoverContainers"] = report.leftoverContainers;
     object["rebuiltDirectories"] = report.rebuiltDirectories;
     object["restoredNames"] = report.restoredNames;
-    std::cout << dumpJson(object, 2) << std::endl;
+    std::cout << dumpJson(object, options.json.indent()) << std::endl;
   } else {
     std::cout << "cleared " << report.staleRecords << " stale record(s), " << report.unnamedSegments
               << " unnamed segment(s), " << report.danglingNames << " dangling name(s), " << report.leftoverContainers
@@ -50,7 +50,7 @@ void addGcCommand(CLI::App& app, CommandRun& run) {
   CLI::App* command = app.add_subcommand(
       "gc", "Clear away what dead publishers and interrupted operations left; print how much of each kind");
   options->selection.addOptions(*command);
-  command->add_flag("--json", options->json, "Write the counts as one JSON object");
+  addJsonOption(*command, options->json, "Write the counts as one JSON object");
   command->callback([options, &run] { run = [options] { return runGc(*options); }; });
 }
 

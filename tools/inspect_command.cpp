@@ -21,7 +21,7 @@ namespace {
 
 struct InspectOptions {
   std::string trustee;
-  bool json = false;
+  JsonStyle json;
 };
 
 Json slotToJson(const RawSlot& slot) {
@@ -40,7 +40,7 @@ Json rowToJson(const RawRow& row, const RecordView& record) {
   return object;
 }
 
-void printJson(const RawDirectory& directory) {
+void printJson(const RawDirectory& directory, int indent) {
   Json out = Json::object();
   addTexts(out, {{"trustee", &directory.trustee}});
   Json base = {{"name", directory.baseName}, {"found", directory.baseFound}};
@@ -62,7 +62,7 @@ void printJson(const RawDirectory& directory) {
   Json rows = Json::array();
   for (const RawRow& row : directory.rows) rows.push_back(rowToJson(row, viewRecord(row, directory.trustee)));
   out["rows"] = rows;
-  std::cout << dumpJson(out, 2) << std::endl;
+  std::cout << dumpJson(out, indent) << std::endl;
 }
 
 std::string rowName(const RawRow& row) {
@@ -113,8 +113,8 @@ void printText(const RawDirectory& directory) {
 int runInspect(const InspectOptions& options) {
   checkTrustee(options.trustee);
   const RawDirectory directory = readRawDirectory(options.trustee);
-  if (options.json) {
-    printJson(directory);
+  if (options.json.on()) {
+    printJson(directory, options.json.indent());
   } else {
     printText(directory);
   }
@@ -129,7 +129,7 @@ void addInspectCommand(CLI::App& app, CommandRun& run) {
       app.add_subcommand("inspect", "Show the raw directory and the state of each record, clearing nothing");
   command->add_option("--trustee", options->trustee, "The trustee whose directory to show (default: your own)")
       ->type_name("GROUP");
-  command->add_flag("--json", options->json, "Write one JSON object");
+  addJsonOption(*command, options->json, "Write one JSON object");
   command->callback([options, &run] { run = [options] { return runInspect(*options); }; });
 }
 

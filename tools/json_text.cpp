@@ -1,5 +1,7 @@
 #include "json_text.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "text_escape.hpp"
@@ -27,5 +29,18 @@ Json textsToJson(const std::vector<std::string>& texts, bool& escaped) {
 }
 
 std::string dumpJson(const Json& value, int indent) { return value.dump(indent); }
+
+int JsonStyle::indent() const {
+  if (style == "pretty") return 2;
+  if (style == "short") return -1;
+  return isatty(STDOUT_FILENO) ? 2 : -1;
+}
+
+void addJsonOption(CLI::App& command, JsonStyle& json, const std::string& what) {
+  command
+      .add_flag("--json{auto}", json.style,
+                what + " (indented for a terminal, compact otherwise; --json=pretty or --json=short to choose)")
+      ->check(CLI::IsMember({"auto", "pretty", "short"}));
+}
 
 }  // namespace agent::spf::endpointregistry::tool

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 namespace agent::spf::endpointregistry::tool {
@@ -31,5 +32,19 @@ Json textsToJson(const std::vector<std::string>& texts, bool& escaped);
 // The text of a JSON value as the tool prints it: compact (indent < 0) or
 // indented, UTF-8 kept as it is.
 std::string dumpJson(const Json& value, int indent);
+
+// --json, --json=pretty, --json=short: whether and how a command writes one
+// JSON document. Bare --json indents it for a terminal and writes it compact
+// into a pipe or a file.
+struct JsonStyle {
+  std::string style;  // "" (no JSON), "auto", "pretty" or "short"
+
+  bool on() const noexcept { return !style.empty(); }
+  // The indent for dumpJson(): 2 when pretty, -1 when short.
+  int indent() const;
+};
+
+// Adds --json[=pretty|short] to `command`; `what` says what is written.
+void addJsonOption(CLI::App& command, JsonStyle& json, const std::string& what);
 
 }  // namespace agent::spf::endpointregistry::tool

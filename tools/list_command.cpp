@@ -36,7 +36,7 @@ namespace {
 struct ListOptions {
   std::string groupTag;
   TrusteeSelection selection;
-  bool json = false;
+  JsonStyle json;
   bool exitStatus = false;
   bool longForm = false;
   bool noLegend = false;
@@ -68,7 +68,7 @@ int runLong(const ListOptions& options) {
     return std::tie(a.data, a.trustee, a.name) < std::tie(b.data, b.trustee, b.name);
   });
   const auto now = std::chrono::system_clock::now();
-  if (options.json) {
+  if (options.json.on()) {
     Json array = Json::array();
     for (const ListedRecord& record : records) {
       Json line = pairToJson(record.data);
@@ -86,7 +86,7 @@ int runLong(const ListOptions& options) {
       }
       array.push_back(line);
     }
-    std::cout << dumpJson(array, 2) << std::endl;
+    std::cout << dumpJson(array, options.json.indent()) << std::endl;
   } else {
     Table table({"FIRST", "SECOND", "PID", "TRUSTEE", "GROUP", "AGE"});
     for (const ListedRecord& record : records) {
@@ -107,10 +107,10 @@ int runLong(const ListOptions& options) {
 int runList(const ListOptions& options) {
   if (options.longForm) return runLong(options);
   const auto endpoints = listEndpoints(options.groupTag, options.selection);
-  if (options.json) {
+  if (options.json.on()) {
     Json array = Json::array();
     for (const auto& pair : endpoints) array.push_back(pairToJson(pair));
-    std::cout << dumpJson(array, 2) << std::endl;
+    std::cout << dumpJson(array, options.json.indent()) << std::endl;
   } else {
     Table table({"FIRST", "SECOND"});
     for (const auto& [first, second] : endpoints) table.addRow({displayText(first), displayText(second)});
@@ -128,7 +128,7 @@ void addListCommand(CLI::App& app, CommandRun& run) {
   CLI::App* command = app.add_subcommand("list", "List the live endpoints");
   command->add_option("--group", options->groupTag, "Only endpoints of this group tag")->type_name("TAG");
   options->selection.addOptions(*command);
-  command->add_flag("--json", options->json, "Write a JSON array of {\"first\", \"second\"} objects");
+  addJsonOption(*command, options->json, "Write a JSON array of {\"first\", \"second\"} objects");
   command->add_flag("--exit-status", options->exitStatus, "Exit with status 3 when no endpoint is found");
   command->add_flag("-l,--long", options->longForm,
                     "One line per record: publisher pid, trustee, group tag (its hash unless --group names it), age");

@@ -53,6 +53,13 @@ TEST_F(CliPublishListTest, JsonListIsSortedArrayOfPairs) {
   ASSERT_EQ(run.exitCode, 0);
   const json parsed = json::parse(run.out);
   EXPECT_EQ(parsed, json::parse(R"([{"first": "a", "second": "1"}, {"first": "b", "second": "2"}])"));
+  // Into a pipe, compact unless asked otherwise.
+  EXPECT_EQ(run.out, R"([{"first":"a","second":"1"},{"first":"b","second":"2"}])"
+                     "\n");
+  EXPECT_EQ(tool({"list", "--group", tag, "--json=short"}).out, run.out);
+  EXPECT_EQ(tool({"list", "--group", tag, "--json=pretty"}).out,
+            "[\n  {\n    \"first\": \"a\",\n    \"second\": \"1\"\n  },\n  {\n    \"first\": \"b\",\n    "
+            "\"second\": \"2\"\n  }\n]\n");
 }
 
 TEST_F(CliPublishListTest, GroupOptionSelectsOneGroupTag) {
