@@ -40,7 +40,8 @@ void addJsonOption(CLI::App& command, JsonStyle& json, const std::string& what) 
   command
       .add_flag("--json{auto}", json.style,
                 what + " (indented for a terminal, compact otherwise; --json=pretty or --json=short to choose)")
-      ->check(CLI::IsMember({"auto", "pretty", "short"}));
+      ->check(CLI::IsMember({"auto", "pretty", "short"}))
+      ->option_text("[=pretty|short]");
 }
 
 }  // namespace agent::spf::endpointregistry::tool
