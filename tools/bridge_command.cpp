@@ -77,6 +77,7 @@ int runBridgeCommand(const BridgeCommandOptions& options) {
   auto admin = foundation::log::local::admin::get();
   admin->setSink("stderr");
   admin->setChannelFilter("agent::spf::endpointregistry::bridge=all");
+  admin->setLevelNames("agent::spf::endpointregistry::bridge", {{32, "activity"}, {256, "trouble"}, {512, "error"}});
   const int stop = stopSignalDescriptor();
   const int status = bridge::runBridge(bridgeOptions, stop);
   close(stop);

@@ -32,6 +32,12 @@ void enableVerboseDiagnostics() {
   auto admin = foundation::log::local::admin::get();
   admin->setSink("stderr");
   admin->setChannelFilter(verboseFilter);
+  // Names, not bit values: "refused" lines are requests turned down (a
+  // segment that is missing, say), most of them expected, not failures.
+  admin->setLevelNames("agent::spf::endpointregistry", {{16, "exception"}, {256, "refused"}, {512, "error"}});
+  admin->setLevelNames("detail::agent::spf::endpointregistry::endpointmoveanddestruction", {{4, "lifetime"}});
+  admin->setLevelNames("agent::spf::sharedmemory", {{256, "refused"}, {512, "error"}});
+  admin->setLevelNames("agent::spf::endpointregistry::bridge", {{32, "activity"}, {256, "trouble"}, {512, "error"}});
 }
 
 }  // namespace

@@ -161,10 +161,11 @@ TEST(CliUsageTest, RefusedRequestExitsWithOneAndTheLibraryMessage) {
   EXPECT_EQ(run.err, "endpointregistry: error: Endpoint data strings cannot be both empty\n");
 }
 
+// Levels are written by name ("error", "refused"), not as bit values.
 TEST(CliUsageTest, VerboseWritesTheLibraryDiagnosticsToStderr) {
   const ToolRun run = runTool({"--verbose", "publish", "", "", "--group", "g"});
   EXPECT_EQ(run.exitCode, 1);
-  EXPECT_NE(run.err.find(" agent::spf::endpointregistry 512: Endpoint(): Data strings cannot be both empty.\n"),
+  EXPECT_NE(run.err.find(" agent::spf::endpointregistry error: Endpoint(): Data strings cannot be both empty.\n"),
             std::string::npos)
       << run.err;
   const ToolRun quiet = runTool({"publish", "", "", "--group", "g"});

@@ -104,6 +104,32 @@ TEST(FoundationLog, RecordIsOneLineInTheDocumentedLayout) {
   EXPECT_EQ(match[1].str(), expected);
 }
 
+// Named levels replace the numbers of their channel only, and only while named.
+TEST(FoundationLog, NamedLevelsAreWrittenByName) {
+  const std::string channel = uniqueChannel("named");
+  const std::string other = uniqueChannel("unnamed");
+  er::test::LogCapture capture(channel + "=all;" + other + "=all");
+  admin::get()->setLevelNames(channel, {{512, "error"}, {256, "refused"}});
+  diagnostic_logger logger(channel);
+  diagnostic_logger otherLogger(other);
+  emit(logger, 512, "bad");
+  emit(logger, 4, "unnamed level");
+  emit(otherLogger, 512, "other channel");
+  admin::get()->setLevelNames(channel, {});
+  emit(logger, 512, "numbers again");
+  const auto lines = capture.lines();
+  ASSERT_EQ(lines.size(), 4u);
+  const std::regex layout(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} \d+:\d+ (.*)$)");
+  std::vector<std::string> rest;
+  for (const std::string& line : lines) {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line, match, layout)) << line;
+    rest.push_back(match[1].str());
+  }
+  EXPECT_EQ(rest, (std::vector<std::string>{channel + " error: bad", channel + " 4: unnamed level",
+                                            other + " 512: other channel", channel + " 512: numbers again"}));
+}
+
 TEST(FoundationLog, FileSinkAppendsAndClosesWhenReplaced) {
   const std::string channel = uniqueChannel("file");
   const std::string path = "/tmp/er-foundation-log-" + std::to_string(getpid()) + ".txt";

@@ -2,12 +2,16 @@
 
 #include <sys/types.h>
 #include <unistd.h>
+#include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 
 #include <boost/core/null_deleter.hpp>
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/log/attributes/clock.hpp>
 #include <boost/log/attributes/function.hpp>
@@ -34,6 +38,43 @@ constexpr char timeAttribute[] = "FoundationLogTime";
 constexpr char pidAttribute[] = "FoundationLogPid";
 constexpr char tidAttribute[] = "FoundationLogTid";
 
+// Level names by channel, replaced as a whole and read by every line.
+using LevelNames = std::map<std::string, std::map<unsigned, std::string>>;
+std::shared_ptr<const LevelNames>& levelNames() {
+  static std::shared_ptr<const LevelNames> names = std::make_shared<const LevelNames>();
+  return names;
+}
+
+void formatRecord(const logging::record_view& record, logging::formatting_ostream& out) {
+  const auto time = logging::extract<boost::posix_time::ptime>(timeAttribute, record);
+  const auto pid = logging::extract<pid_t>(pidAttribute, record);
+  const auto tid = logging::extract<pid_t>(tidAttribute, record);
+  const auto channel = logging::extract<std::string>("Channel", record);
+  const auto level = logging::extract<unsigned>("Severity", record);
+  if (time) {
+    const boost::gregorian::date day = time->date();
+    const boost::posix_time::time_duration clock = time->time_of_day();
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%06lld", static_cast<int>(day.year()),
+                  static_cast<int>(day.month()), static_cast<int>(day.day()), static_cast<int>(clock.hours()),
+                  static_cast<int>(clock.minutes()), static_cast<int>(clock.seconds()),
+                  static_cast<long long>(clock.fractional_seconds() * 1'000'000 /
+                                         boost::posix_time::time_duration::ticks_per_second()));
+    out << text;
+  }
+  out << ' ' << pid << ':' << tid << ' ' << channel << ' ';
+  const std::shared_ptr<const LevelNames> names = std::atomic_load(&levelNames());
+  const auto ofChannel = channel ? names->find(*channel) : names->end();
+  const auto name = ofChannel != names->end() && level ? ofChannel->second.find(*level)
+                                                       : std::map<unsigned, std::string>::const_iterator();
+  if (ofChannel != names->end() && level && name != ofChannel->second.end()) {
+    out << name->second;
+  } else {
+    out << level;
+  }
+  out << ": " << record[expr::smessage];
+}
+
 boost::shared_ptr<Sink> makeSink(const std::string& name) {
   auto backend = boost::make_shared<logging::sinks::text_ostream_backend>();
   if (name == "stdout") {
@@ -55,11 +96,7 @@ boost::shared_ptr<Sink> makeSink(const std::string& name) {
   // Only records of this library's loggers, which all carry a channel and a
   // numeric level.
   sink->set_filter(expr::has_attr<std::string>("Channel") && expr::has_attr<unsigned>("Severity"));
-  sink->set_formatter(
-      expr::stream << expr::format_date_time<boost::posix_time::ptime>(timeAttribute, "%Y-%m-%dT%H:%M:%S.%f") << ' '
-                   << expr::attr<pid_t>(pidAttribute) << ':' << expr::attr<pid_t>(tidAttribute) << ' '
-                   << expr::attr<std::string>("Channel") << ' ' << expr::attr<unsigned>("Severity") << ": "
-                   << expr::smessage);
+  sink->set_formatter(&formatRecord);
   return sink;
 }
 
@@ -102,6 +139,17 @@ void admin::setSink(const std::string& sink) {
 
 void admin::setChannelFilter(const std::string& filter) {
   detail::applyChannelFilter(detail::parseChannelFilter(filter));
+}
+
+void admin::setLevelNames(const std::string& channel, const std::map<unsigned, std::string>& names) {
+  std::lock_guard lock(state_->mutex);
+  auto replacement = std::make_shared<LevelNames>(*std::atomic_load(&levelNames()));
+  if (names.empty()) {
+    replacement->erase(channel);
+  } else {
+    (*replacement)[channel] = names;
+  }
+  std::atomic_store(&levelNames(), std::shared_ptr<const LevelNames>(std::move(replacement)));
 }
 
 }  // namespace foundation::log::local

@@ -12,10 +12,13 @@
 //
 // Each record becomes one line:
 //   <ISO-8601 local time with microseconds> <pid>:<tid> <channel> <level>: <message>
+// where <level> is the decimal bit value, or the level's name once the host
+// has named the levels of that channel (setLevelNames()).
 //
 // Thread safety: all operations may be called from any thread.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -31,6 +34,10 @@ class admin {
 
   // Replaces the channel filter; see the header comment for the syntax.
   void setChannelFilter(const std::string& filter);
+
+  // Names the levels of `channel` in the lines written from now on (an
+  // empty map: numbers again). Levels without a name stay numbers.
+  void setLevelNames(const std::string& channel, const std::map<unsigned, std::string>& names);
 
   admin(const admin&) = delete;
   admin& operator=(const admin&) = delete;
