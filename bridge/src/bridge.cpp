@@ -121,7 +121,16 @@ int BridgeLoop::run(int stopFd) {
 
 void BridgeLoop::readLocal(const std::string& tag, Watcher& watcher) {
   std::set<DataPair>& pairs = local_[tag];
-  for (const EndpointChange& change : watcher.changes()) {
+  std::vector<EndpointChange> changes;
+  try {
+    changes = watcher.changes();
+  } catch (const std::exception& error) {
+    // Damaged shared memory, say: what was read stays, and the next
+    // notification reads again.
+    say(Failure, "cannot read the local endpoints of group ", tag, ": ", error.what());
+    return;
+  }
+  for (const EndpointChange& change : changes) {
     if (change.kind == EndpointChange::Appeared) {
       pairs.insert(change.data);
     } else {
