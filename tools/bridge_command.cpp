@@ -8,6 +8,7 @@
 // (the bridge's diagnostic channel). Built only with libcurl.
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <fstream>
 #include <memory>
@@ -21,6 +22,7 @@
 #include "command.hpp"
 #include "option_checks.hpp"
 #include "stop_signals.hpp"
+#include "trustee_selection.hpp"
 
 namespace agent::spf::endpointregistry::tool {
 namespace {
@@ -72,11 +74,17 @@ int runBridgeCommand(const BridgeCommandOptions& options) {
   if (!options.trustees.empty())
     bridgeOptions.trustees = std::set<std::string>(options.trustees.begin(), options.trustees.end());
   bridgeOptions.ttl = options.ttl;
+  // A call to one member may take a quarter of the lease, so that a member
+  // that does not answer leaves time for the others before the lease ends.
+  bridgeOptions.etcd.callTimeout = std::min<std::chrono::milliseconds>(std::chrono::milliseconds(3000),
+                                                                       std::chrono::milliseconds(options.ttl * 250));
+  for (const std::string& trustee : bridgeOptions.trustees) checkTrustee(trustee);
 
   // The bridge says what it does unless the host's own filter is wider.
   auto admin = foundation::log::local::admin::get();
   admin->setSink("stderr");
-  admin->setChannelFilter("agent::spf::endpointregistry::bridge=all");
+  admin->setChannelFilter(std::string("agent::spf::endpointregistry::bridge=all") +
+                          (verboseRequested ? std::string(";") + verboseChannelFilter : std::string()));
   admin->setLevelNames("agent::spf::endpointregistry::bridge", {{32, "activity"}, {256, "trouble"}, {512, "error"}});
   const int stop = stopSignalDescriptor();
   const int status = bridge::runBridge(bridgeOptions, stop);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <system_error>
 
 namespace agent::spf::endpointregistry::tool {
@@ -25,7 +26,11 @@ int runCommand(const std::vector<std::string>& command) {
   }
   const std::string notFound = "endpointregistry: cannot run '" + command.front() + "': ";
   const pid_t child = fork();
-  if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (child < 0) {
+    const int error = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    throw std::system_error(error, std::generic_category(), "fork");
+  }
   if (child == 0) {
     // The command starts as from a shell: no signal blocked, SIGPIPE as default.
     signal(SIGPIPE, SIG_DFL);
@@ -33,23 +38,25 @@ int runCommand(const std::vector<std::string>& command) {
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     execvp(argv[0], argv.data());
-    const int error = errno;
-    const char* reason = strerror(error);
+    const char* reason = strerrordesc_np(errno);  // a constant text: safe after fork()
+    if (reason == nullptr) reason = "cannot be started";
     (void)!write(STDERR_FILENO, notFound.data(), notFound.size());
     (void)!write(STDERR_FILENO, reason, strlen(reason));
     (void)!write(STDERR_FILENO, "\n", 1);
     _exit(127);
   }
+  // SIGCHLD is blocked in the threads started before (blockStopSignals()),
+  // so it waits here; the child's end is also looked for every second, in
+  // case a thread that does not block it took the signal.
   int status = 0;
   for (;;) {
-    int signal = 0;
-    sigwait(&waited, &signal);
-    if (signal != SIGCHLD) {
-      kill(child, signal);
-      continue;
-    }
-    const pid_t ended = waitpid(child, &status, WNOHANG);
-    if (ended == child) break;
+    if (waitpid(child, &status, WNOHANG) == child) break;
+    siginfo_t info{};
+    const timespec second{1, 0};
+    const int signal = sigtimedwait(&waited, &info, &second);
+    // A signal from the terminal (Ctrl-C) reached the command already: it is
+    // in the same process group.
+    if (signal > 0 && signal != SIGCHLD && info.si_code != SI_KERNEL) kill(child, signal);
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (WIFEXITED(status)) return WEXITSTATUS(status);

@@ -23,6 +23,15 @@ enum ExitCode : int {
 
 using CommandRun = std::function<int()>;
 
+// Every level of the registry's channels and of the shared-memory
+// library's, as --verbose switches them on.
+inline constexpr char verboseChannelFilter[] =
+    "agent::spf::endpointregistry=all;detail::agent::spf::endpointregistry::endpointmoveanddestruction=all;"
+    "agent::spf::sharedmemory=all";
+
+// Whether --verbose was given (set by main() before any command runs).
+extern bool verboseRequested;
+
 void addListCommand(CLI::App& app, CommandRun& run);
 // `arguments`: the whole command line, which tells whether a command to run
 // came after "--".

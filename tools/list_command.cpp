@@ -71,15 +71,15 @@ int runLong(const ListOptions& options) {
   if (options.json.on()) {
     Json array = Json::array();
     for (const ListedRecord& record : records) {
-      Json line = pairToJson(record.data);
-      line["pid"] = RecordName(record.name).pid();
+      Json line = Json::object();
       const std::string tag = tagOf(options, record);
-      addTexts(line, {{"trustee", &record.trustee}});
-      if (tag.rfind('#', 0) == 0) {
-        line["group_hash"] = tag.substr(1);
-      } else {
-        addTexts(line, {{"group", &tag}});
-      }
+      // All strings under one rule: escaped all together or not at all.
+      std::vector<std::pair<std::string, const std::string*>> texts{
+          {"first", &record.data.first}, {"second", &record.data.second}, {"trustee", &record.trustee}};
+      if (tag.rfind('#', 0) != 0) texts.emplace_back("group", &tag);
+      addTexts(line, texts);
+      line["pid"] = RecordName(record.name).pid();
+      if (tag.rfind('#', 0) == 0) line["group_hash"] = tag.substr(1);
       if (const auto at = namedAt(record)) {
         line["published_at"] = utcTimestamp(*at);
         line["age_seconds"] = std::chrono::duration<double>(now - *at).count();

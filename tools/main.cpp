@@ -23,15 +23,10 @@ namespace {
 
 using namespace agent::spf::endpointregistry::tool;
 
-// Every level of the registry's channels and of the shared-memory library's.
-constexpr char verboseFilter[] =
-    "agent::spf::endpointregistry=all;detail::agent::spf::endpointregistry::endpointmoveanddestruction=all;"
-    "agent::spf::sharedmemory=all";
-
 void enableVerboseDiagnostics() {
   auto admin = foundation::log::local::admin::get();
   admin->setSink("stderr");
-  admin->setChannelFilter(verboseFilter);
+  admin->setChannelFilter(verboseChannelFilter);
   // Names, not bit values: "refused" lines are requests turned down (a
   // segment that is missing, say), most of them expected, not failures.
   admin->setLevelNames("agent::spf::endpointregistry", {{16, "exception"}, {256, "refused"}, {512, "error"}});
@@ -41,6 +36,10 @@ void enableVerboseDiagnostics() {
 }
 
 }  // namespace
+
+namespace agent::spf::endpointregistry::tool {
+bool verboseRequested = false;
+}  // namespace agent::spf::endpointregistry::tool
 
 int main(int argc, char** argv) {
   // A reader that goes makes writes fail instead of killing the tool: publish
@@ -91,6 +90,7 @@ int main(int argc, char** argv) {
   }
 
   try {
+    verboseRequested = verbose;
     if (verbose) enableVerboseDiagnostics();
     return run();
   } catch (const std::exception& error) {

@@ -12,6 +12,9 @@
 // it), and once it ends the endpoint is withdrawn and the tool exits with the
 // command's status. When NOTIFY_SOCKET is set (a systemd service of
 // Type=notify), the tool tells systemd "READY=1" once the endpoint is live.
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
@@ -72,6 +75,14 @@ std::string describe(const PublishOptions& options) {
 
 int runPublish(const PublishOptions& options) {
   blockStopSignals();
+  if (!options.command.empty()) {
+    // Before the library starts threads, so that they inherit it blocked and
+    // the command's end is told to the thread that waits for it.
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &child, nullptr);
+  }
   for (const std::string& trustee : options.trustees) checkTrustee(trustee);
   Endpoint endpoint;
   try {
@@ -114,7 +125,9 @@ void addPublishCommand(CLI::App& app, CommandRun& run, const std::vector<std::st
     const auto separator = std::find(arguments.begin(), arguments.end(), "--");
     const std::vector<std::string> tail(separator == arguments.end() ? arguments.end() : separator + 1,
                                         arguments.end());
-    if (options->command != tail) {
+    // ("publish --group TAG -- FIRST SECOND" passes data strings that begin
+    // with '-': then no command follows.)
+    if (!options->command.empty() && options->command != tail) {
       throw CLI::ValidationError("unexpected word '" + options->command.front() +
                                  "' (a command to run goes after --: publish FIRST SECOND --group TAG -- COMMAND)");
     }

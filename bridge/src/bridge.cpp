@@ -91,6 +91,11 @@ class BridgeLoop {
   Clock::time_point lastContact_ = Clock::now();
   std::chrono::milliseconds retry_{250};
   bool importsSuspended_ = false;
+  bool awaitingSnapshot_ = true;                         // no full read of etcd since contact
+  std::map<std::string, std::set<DataPair>> withdrawn_;  // by tag: imports withdrawn, not yet read back
+  std::set<TaggedPair> refusedImports_;                  // failed: tried again at the next renewal
+  std::set<std::string> localFailed_;                    // tags whose last local read failed
+  Clock::time_point nextExportTry_ = Clock::now();
 };
 
 int BridgeLoop::run(int stopFd) {
@@ -101,7 +106,8 @@ int BridgeLoop::run(int stopFd) {
     std::vector<pollfd> waits{{stopFd, POLLIN, 0}, {feed_->fd(), POLLIN, 0}};
     for (auto& [tag, watcher] : watchers_) waits.push_back({watcher.fileDescriptor(), POLLIN, 0});
     const auto untilRenewal = std::chrono::ceil<std::chrono::milliseconds>(nextRenewal_ - Clock::now());
-    const int timeout = static_cast<int>(std::max<long long>(0, std::min<long long>(untilRenewal.count(), 60000)));
+    const long long limit = localFailed_.empty() ? 60000 : 1000;
+    const int timeout = static_cast<int>(std::max<long long>(0, std::min<long long>(untilRenewal.count(), limit)));
     if (poll(waits.data(), waits.size(), timeout) < 0 && errno != EINTR) {
       throw std::system_error(errno, std::generic_category(), "poll");
     }
@@ -110,6 +116,7 @@ int BridgeLoop::run(int stopFd) {
     for (auto& [tag, watcher] : watchers_) {
       if ((waits[at++].revents & POLLIN) != 0) readLocal(tag, watcher);
     }
+    for (const std::string& tag : std::set<std::string>(localFailed_)) readLocal(tag, watchers_.at(tag));
     if ((waits[1].revents & POLLIN) != 0) readFeed();
     if (Clock::now() >= nextRenewal_) keepLease();
     reconcileImports();
@@ -128,6 +135,7 @@ void BridgeLoop::readLocal(const std::string& tag, Watcher& watcher) {
     // Damaged shared memory, say: what was read stays, and the next
     // notification reads again.
     say(Failure, "cannot read the local endpoints of group ", tag, ": ", error.what());
+    localFailed_.insert(tag);  // read again within a second
     return;
   }
   for (const EndpointChange& change : changes) {
@@ -137,6 +145,8 @@ void BridgeLoop::readLocal(const std::string& tag, Watcher& watcher) {
       pairs.erase(change.data);
     }
   }
+  withdrawn_.erase(tag);
+  localFailed_.erase(tag);
 }
 
 void BridgeLoop::readFeed() {
@@ -145,7 +155,10 @@ void BridgeLoop::readFeed() {
       say(Trouble, "etcd: ", item.message);
       continue;
     }
-    if (item.kind == FeedItem::Snapshot) remote_.clear();
+    if (item.kind == FeedItem::Snapshot) {
+      remote_.clear();
+      awaitingSnapshot_ = false;
+    }
     for (const WatchEvent& event : item.changes) {
       if (event.deleted) {
         remote_.erase(event.kv.key);
@@ -175,6 +188,7 @@ void BridgeLoop::keepLease() {
     lastContact_ = Clock::now();
     nextRenewal_ = lastContact_ + std::chrono::milliseconds(options_.ttl * 1000 / 3);
     retry_ = std::chrono::milliseconds(250);
+    refusedImports_.clear();
     if (importsSuspended_) {
       importsSuspended_ = false;
       say(Activity, "etcd answers again: importing again");
@@ -185,6 +199,7 @@ void BridgeLoop::keepLease() {
     retry_ = std::min<std::chrono::milliseconds>(retry_ * 2, std::chrono::milliseconds(2000));
     if (!importsSuspended_ && Clock::now() - lastContact_ > std::chrono::seconds(options_.ttl)) {
       importsSuspended_ = true;
+      awaitingSnapshot_ = true;  // what was known before may be stale
       say(Trouble, "etcd unreachable for longer than the lease's ", options_.ttl,
           " s: withdrawing the imports, which may be stale");
     }
@@ -193,16 +208,18 @@ void BridgeLoop::keepLease() {
 
 void BridgeLoop::withdrawImport(std::map<TaggedPair, Endpoint>::iterator held) {
   held->second.reset();
-  // Gone from the listings already: it must not look like a local endpoint
-  // to export until its watcher says so.
-  local_[held->first.first].erase(held->first.second);
+  // Gone from the listings already, but its watcher has not said so yet:
+  // until it has, the pair is not taken for a local endpoint to export. (A
+  // local process that publishes the pair meanwhile leaves it listed, and
+  // it is exported after that read.)
+  withdrawn_[held->first.first].insert(held->first.second);
   say(Activity, "import withdrawn: ", shown(held->first));
   imports_.erase(held);
 }
 
 void BridgeLoop::reconcileImports() {
   std::set<TaggedPair> wanted;
-  if (!importsSuspended_) {
+  if (!importsSuspended_ && !awaitingSnapshot_) {
     for (const auto& [key, endpoint] : remote_) wanted.emplace(endpoint.tag, endpoint.data);
   }
   for (auto held = imports_.begin(); held != imports_.end();) {
@@ -213,7 +230,7 @@ void BridgeLoop::reconcileImports() {
     }
   }
   for (const TaggedPair& tagged : wanted) {
-    if (imports_.count(tagged) != 0) continue;
+    if (imports_.count(tagged) != 0 || refusedImports_.count(tagged) != 0) continue;
     // A local process publishes it: taken up once that one goes.
     if (local_[tagged.first].count(tagged.second) != 0) continue;
     try {
@@ -221,25 +238,25 @@ void BridgeLoop::reconcileImports() {
       std::set<std::string> groups = options_.trustees;
       groups.erase("");
       if (!groups.empty()) endpoint.setTrustees(groups);
-      local_[tagged.first].insert(tagged.second);
       imports_.emplace(tagged, std::move(endpoint));
       say(Activity, "imported: ", shown(tagged));
     } catch (const Endpoint::DuplicateEndpointError&) {
       // Published here meanwhile: its watcher tells soon, and it is taken
       // up once that one goes.
     } catch (const std::exception& error) {
-      say(Failure, "cannot import ", shown(tagged), ": ", error.what());
+      say(Failure, "cannot import ", shown(tagged), ": ", error.what(), " (tried again with the next lease renewal)");
+      refusedImports_.insert(tagged);
     }
   }
 }
 
 void BridgeLoop::reconcileExports() {
-  if (lease_ == 0) return;
+  if (lease_ == 0 || (exportsStale_ && Clock::now() < nextExportTry_)) return;
   std::map<TaggedPair, std::string> wanted;
   for (const auto& [tag, pairs] : local_) {
     for (const DataPair& pair : pairs) {
       TaggedPair tagged(tag, pair);
-      if (imports_.count(tagged) != 0) continue;
+      if (imports_.count(tagged) != 0 || withdrawn_[tag].count(pair) != 0) continue;
       wanted.emplace(tagged, exportKey(options_.prefix, {tag, options_.host, pair}));
     }
   }
@@ -262,7 +279,8 @@ void BridgeLoop::reconcileExports() {
   } catch (const EtcdError& error) {
     say(Trouble, "cannot export: ", error.what());
     exportsStale_ = true;
-    nextRenewal_ = std::min(nextRenewal_, Clock::now() + retry_);
+    nextExportTry_ = Clock::now() + retry_;
+    nextRenewal_ = std::min(nextRenewal_, nextExportTry_);
   }
 }
 
@@ -286,6 +304,9 @@ int runBridge(const BridgeOptions& options, int stopFd) {
   if (options.tags.empty()) throw std::invalid_argument("bridge: at least one group tag is needed");
   if (!isValidHostName(options.host)) throw std::invalid_argument("bridge: invalid host name '" + options.host + "'");
   if (options.ttl < 2) throw std::invalid_argument("bridge: the lease's TTL must be at least 2 seconds");
+  if (options.prefix.empty() || options.prefix.back() != '/') {
+    throw std::invalid_argument("bridge: the key prefix must end with '/' (so that it covers no other prefix)");
+  }
   BridgeLoop loop(options);
   return loop.run(stopFd);
 }

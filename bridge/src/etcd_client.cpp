@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <charconv>
 #include <exception>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -22,9 +23,14 @@ constexpr int unauthenticatedCode = 16;
 std::int64_t int64Of(const json& object, const char* name) {
   const auto found = object.find(name);
   if (found == object.end() || found->is_null()) return 0;
-  if (found->is_number()) return found->get<std::int64_t>();
-  if (found->is_string()) return std::stoll(found->get<std::string>());
-  return 0;
+  if (found->is_number_integer()) return found->get<std::int64_t>();
+  if (found->is_string()) {
+    const std::string& text = found->get_ref<const std::string&>();
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error == std::errc() && end == text.data() + text.size()) return value;
+  }
+  throw EtcdError(std::string("etcd sent a ") + name + " that is not a number", false);
 }
 
 std::string bytesOf(const json& object, const char* name) {
@@ -61,7 +67,8 @@ bool isUnavailable(const std::string& message, int code) {
 }
 
 bool isUnauthenticated(const std::string& message, int code) {
-  return code == unauthenticatedCode || message.find("invalid auth token") != std::string::npos;
+  return code == unauthenticatedCode || message.find("invalid auth token") != std::string::npos ||
+         message.find("revision of auth store is old") != std::string::npos;
 }
 
 size_t appendTo(char* data, size_t size, size_t count, void* target) {
@@ -191,7 +198,7 @@ void EtcdClient::authenticate(const std::string& url) {
   std::string message;
   int code = 0;
   if (errorOf(answer, message, code)) throw EtcdError("etcd refused user " + settings_.user + ": " + message, false);
-  token_ = answer.value("token", "");
+  token_ = answer.contains("token") && answer["token"].is_string() ? answer["token"].get<std::string>() : "";
   if (token_.empty()) throw EtcdError("etcd gave user " + settings_.user + " no token", false);
 }
 
@@ -218,8 +225,12 @@ json EtcdClient::call(const std::string& path, const json& body) {
       member_ = (member_ + attempt) % settings_.urls.size();
       return answer;
     } catch (const EtcdError& error) {
-      if (!moveOn) throw;
+      // A member that cannot be reached (while authenticating too) is
+      // passed over; a refusal is the answer.
+      if (!moveOn && !error.unreachable()) throw;
       failures += (failures.empty() ? "" : "; ") + std::string(error.what());
+    } catch (const nlohmann::json::exception& error) {
+      throw EtcdError("etcd: " + path + ": an answer that cannot be read: " + error.what(), false);
     }
   }
   throw EtcdError("no etcd member answered: " + failures, true);
@@ -335,6 +346,8 @@ void EtcdClient::watchPrefix(
     curl_easy_reset(easy);
     const std::string target = url + "/v3/watch";
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    // A member cut off from the leader ends the watch instead of going quiet.
+    headers = curl_slist_append(headers, "Grpc-Metadata-hasleader: true");
     if (!token_.empty()) headers = curl_slist_append(headers, ("Authorization: " + token_).c_str());
     curl_easy_setopt(easy, CURLOPT_URL, target.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);

@@ -134,10 +134,11 @@ def _probe_publish(first, second):
 
 def test_a_local_synonym_is_taken_up_when_the_local_one_goes(cluster, hosts, prefix):
     a, b = hosts("hostA"), hosts("hostB")
-    on_b = b.publish(b"shared", b"1", TAG)  # before anything is bridged
+    # Both before anything is bridged: neither host can import the other's.
+    on_b = b.publish(b"shared", b"1", TAG)
+    on_a = a.publish(b"shared", b"1", TAG)
     a.bridge(cluster.client, prefix, "--group", TAG)
     b.bridge(cluster.client, prefix, "--group", TAG)
-    on_a = a.publish(b"shared", b"1", TAG)
     wait_until(lambda: len(cluster.keys(prefix)) == 2, what="both hosts' keys")
     assert b.listing(TAG) == [(b"shared", b"1")]
     assert a.listing(TAG) == [(b"shared", b"1")]

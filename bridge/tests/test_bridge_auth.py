@@ -44,5 +44,10 @@ def test_a_bridge_authenticates_and_others_cannot_read(cluster, hosts, prefix):
 
 
 def _line_with(process, text):
+    """A line of the process's output holding `text`, if one comes within 0.1 s."""
+    import select
+
+    if not select.select([process.stdout], [], [], 0.1)[0]:
+        return None
     line = process.stdout.readline()
     return line if text in line else None

@@ -65,12 +65,19 @@ class Cluster:
         self.peer = ["http://127.0.0.1:%d" % p for p in ports[size:]]
         self.processes = [None] * size
         self.initial = ",".join("%s=%s" % (n, p) for n, p in zip(self.names, self.peer))
-        for i in range(size):
-            self.start(i, "new")
-        self.wait_healthy()
+        try:
+            for i in range(size):
+                self.start(i, "new")
+            self.wait_healthy()
+        except BaseException:
+            self.close()
+            raise
 
     def start(self, i, state="existing"):
-        log = open(os.path.join(self.dir, self.names[i] + ".log"), "a")
+        with open(os.path.join(self.dir, self.names[i] + ".log"), "a") as log:
+            self._start(i, state, log)
+
+    def _start(self, i, state, log):
         self.processes[i] = subprocess.Popen(
             [ETCD, "--name", self.names[i], "--data-dir", os.path.join(self.dir, self.names[i]),
              "--listen-client-urls", self.client[i], "--advertise-client-urls", self.client[i],
@@ -174,9 +181,9 @@ class Host:
 
     def bridge(self, cluster_urls, prefix, *extra, ttl=10):
         """Starts a bridge here; what it says goes to a log file shown by log()."""
-        log = open(self.log_path, "a")
-        return self.start(TOOL, "bridge", "--etcd", ",".join(cluster_urls), "--prefix", prefix, "--host", self.name,
-                          "--ttl", str(ttl), *extra, stdout=log, stderr=subprocess.STDOUT)
+        with open(self.log_path, "a") as log:
+            return self.start(TOOL, "bridge", "--etcd", ",".join(cluster_urls), "--prefix", prefix, "--host",
+                              self.name, "--ttl", str(ttl), *extra, stdout=log, stderr=subprocess.STDOUT)
 
     def publish(self, first, second, tag):
         """Publishes bytes through the probe; returns the process, live already."""
@@ -188,9 +195,13 @@ class Host:
         return process
 
     def listing(self, tag):
-        """The pairs listed here under `tag`, as bytes."""
+        """The pairs listed here under `tag`, as bytes; None when the probe failed (tried again by waits)."""
+        try:
+            text = self.run(PROBE, "list", tag)
+        except subprocess.SubprocessError:
+            return None
         pairs = []
-        for line in self.run(PROBE, "list", tag).splitlines():
+        for line in text.splitlines():
             first, second = line.split(" ")
             pairs.append((b"" if first == "-" else bytes.fromhex(first), b"" if second == "-" else bytes.fromhex(second)))
         return pairs
@@ -199,7 +210,10 @@ class Host:
         # The namespace's first process takes every other one with it.
         stop(self.holder, signal.SIGKILL)
         for process in self.processes:
-            process.wait(PATIENCE)
+            try:
+                process.wait(PATIENCE)
+            except subprocess.TimeoutExpired:
+                process.kill()
         os.unlink(self.log_path)
 
 

@@ -58,8 +58,19 @@ void changeTrustees(Endpoint& endpoint, py::handle iterable, const Operation& op
   (endpoint.*operation)(std::move(trustees));
 }
 
+// Withdraws without the GIL when Python lets go of an Endpoint: withdrawal
+// may wait for directory locks.
+struct WithdrawWithoutGil {
+  void operator()(Endpoint* endpoint) const {
+    if (endpoint == nullptr) return;
+    py::gil_scoped_release release;
+    delete endpoint;
+  }
+};
+
 void bindEndpoint(py::module_& m) {
-  py::class_<Endpoint>(m, "Endpoint", R"(A published endpoint: a pair of data strings under a group tag.
+  py::class_<Endpoint, std::unique_ptr<Endpoint, WithdrawWithoutGil>>(
+      m, "Endpoint", R"(A published endpoint: a pair of data strings under a group tag.
 
 Made by publish(). It stays published while the object lives, until reset()
 or the end of a `with` block, or until the process dies. An empty Endpoint()

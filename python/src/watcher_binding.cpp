@@ -2,7 +2,9 @@
 
 #include <pybind11/stl.h>
 
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -42,40 +44,50 @@ py::list tuplesOf(const std::vector<RecordChange>& changes, bool asBytes) {
   return result;
 }
 
-// A registry::Watcher that can be closed before the Python object goes.
+// A registry::Watcher that can be closed before the Python object goes,
+// also from another thread while a call waits in it: a call holds the
+// watcher while it runs, and a wait ends at its next slice once closed.
 class PyWatcher {
  public:
   PyWatcher(const std::string& groupTag, std::set<std::string> trustees)
-      : watcher(std::in_place, groupTag, std::move(trustees)) {}
-  explicit PyWatcher(registry::Watcher&& made) : watcher(std::move(made)) {}
+      : watcher(std::make_shared<registry::Watcher>(groupTag, std::move(trustees))) {}
+  explicit PyWatcher(registry::Watcher&& made) : watcher(std::make_shared<registry::Watcher>(std::move(made))) {}
 
-  registry::Watcher& open() {
+  std::shared_ptr<registry::Watcher> open() {
     if (!watcher) throw py::value_error("I/O operation on a closed Watcher");
-    return *watcher;
+    return watcher;
   }
-  void close() noexcept { watcher.reset(); }
+  // With the GIL held, as every method: the last call that holds the
+  // watcher destroys it.
+  void close() noexcept {
+    closing->store(true);
+    watcher.reset();
+  }
   bool closed() const noexcept { return !watcher; }
 
   // The changes of `read` (a call of the watcher without the GIL), waiting
   // for some up to `timeout` seconds (None: for ever) with `wait`.
   template <typename Changes, typename Read, typename Wait>
   Changes await(const std::optional<double>& timeout, const Read& read, const Wait& wait) {
-    registry::Watcher& watching = open();
+    const std::shared_ptr<registry::Watcher> watching = open();
+    const std::shared_ptr<std::atomic<bool>> closedMeanwhile = closing;
     Changes found;
     {
       py::gil_scoped_release release;
-      found = read(watching);
+      found = read(*watching);
     }
     if (!found.empty() || (timeout && *timeout == 0)) return found;
     waitInSlices(timeout, [&](std::chrono::milliseconds slice) {
-      found = wait(watching, slice);
-      return !found.empty();
+      if (closedMeanwhile->load()) return true;
+      found = wait(*watching, slice);
+      return !found.empty() || closedMeanwhile->load();
     });
     return found;
   }
 
  private:
-  std::optional<registry::Watcher> watcher;
+  std::shared_ptr<registry::Watcher> watcher;
+  std::shared_ptr<std::atomic<bool>> closing = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace
@@ -105,7 +117,7 @@ RuntimeError "System error: ..." when the kernel refuses its descriptors.)")
            "group"_a = "", "trustees"_a = py::none(), py::kw_only(), "all_trustees"_a = false,
            "all_trustees=True watches the user's own scope and every group it belongs to now.")
       .def(
-          "fileno", [](PyWatcher& self) { return self.open().fileDescriptor(); },
+          "fileno", [](PyWatcher& self) { return self.open()->fileDescriptor(); },
           "The descriptor that becomes readable when something may have changed; it stays readable until "
           "changes() or record_changes() is called. Owned by the watcher: do not read or close it. "
           "ValueError once closed.")

@@ -186,3 +186,20 @@ def test_a_signal_ends_a_wait(tag):
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, previous)
+
+
+def test_closing_from_another_thread_ends_a_wait(tag):
+    import threading
+    import time
+
+    watcher = er.Watcher(tag)
+    got = []
+    waiter = threading.Thread(target=lambda: got.append(watcher.wait(PATIENCE)))
+    waiter.start()
+    time.sleep(0.05)  # the waiter is in wait()
+    started = time.monotonic()
+    watcher.close()
+    waiter.join(PATIENCE)
+    assert not waiter.is_alive()
+    assert got == [[]]
+    assert time.monotonic() - started < 5

@@ -40,9 +40,10 @@ constexpr char tidAttribute[] = "FoundationLogTid";
 
 // Level names by channel, replaced as a whole and read by every line.
 using LevelNames = std::map<std::string, std::map<unsigned, std::string>>;
+// Never destroyed: threads may still write lines while the process exits.
 std::shared_ptr<const LevelNames>& levelNames() {
-  static std::shared_ptr<const LevelNames> names = std::make_shared<const LevelNames>();
-  return names;
+  static auto* const names = new std::shared_ptr<const LevelNames>(std::make_shared<const LevelNames>());
+  return *names;
 }
 
 void formatRecord(const logging::record_view& record, logging::formatting_ostream& out) {
