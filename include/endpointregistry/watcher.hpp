@@ -30,7 +30,9 @@
 //   it when a publisher dies, from any pid namespace.
 // Where the kernel lacks futex_waitv (before Linux 5.16) the descriptor also
 // becomes readable once a second, and the lock words are looked at then, so
-// that a death is seen within a second.
+// that a death is seen within a second. While a listed record cannot be
+// mapped (no descriptors or mappings left) or a folder cannot be watched (no
+// inotify watches left), everything is read again a second later.
 // An idle watcher makes no wake-ups at all.
 //
 // Threads: a Watcher is used by one thread at a time; distinct watchers may

@@ -53,12 +53,17 @@ void FolderWatch::watchFolders() {
       const int watch = inotify_add_watch(inotifyFd, folderOf.at(*trustee).c_str(), folderEvents);
       if (watch >= 0) {
         trusteeOfWatch[watch] = *trustee;
+        unwatchable.erase(*trustee);
         trustee = missing.erase(trustee);
       } else if (errno == ENOENT || errno == ENOTDIR) {
         ++trustee;  // waited for through /dev/shm
+      } else if (errno == EACCES) {
+        trustee = missing.erase(trustee);  // not to be read by this user: contributes nothing
       } else {
-        // Not to be read by this user (or no more watches): not watched.
-        trustee = missing.erase(trustee);
+        // No watches or memory left: read again now and then (the owner's
+        // fallback), and tried again at each drain.
+        unwatchable.insert(*trustee);
+        ++trustee;
       }
     }
   }

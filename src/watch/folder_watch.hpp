@@ -51,6 +51,10 @@ class FolderWatch {
   // appeared.
   Drained drain();
 
+  // Whether a folder exists that inotify would not watch (no watches left,
+  // no memory): its changes are not told.
+  bool missesFolders() const noexcept { return !unwatchable.empty(); }
+
  private:
   void watchFolders();
   void watchRoot(bool wanted);
@@ -60,6 +64,7 @@ class FolderWatch {
   std::map<std::string, std::string> folderOf;  // trustee -> scope folder path
   std::map<int, std::string> trusteeOfWatch;    // watch descriptor -> trustee
   std::set<std::string> missing;                // trustees whose folder is not watched
+  std::set<std::string> unwatchable;            // trustees whose folder inotify refused
 };
 
 }  // namespace agent::spf::endpointregistry::watch

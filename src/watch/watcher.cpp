@@ -120,6 +120,11 @@ class Watcher::Impl {
   int epollFd = -1;
   int wakeFd = -1;   // written by the death watch
   int timerFd = -1;  // the bounded re-check, without futex_waitv
+  // A one-shot timer armed while something goes unwatched (a record that
+  // could not be mapped, a folder that inotify would not watch): when it
+  // fires, everything is read again.
+  int blindTimerFd = -1;
+  bool blindTimerArmed = false;
   std::unique_ptr<watch::FolderWatch> folders;
   std::unique_ptr<watch::DeathWatch> deaths;
   WorkThreadGuard workThread;   // keeps the work thread between reads
@@ -142,7 +147,8 @@ Watcher::Impl::Impl(std::string tag, std::set<std::string> watched)
     wakeFd = checked(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd");
     folders = std::make_unique<watch::FolderWatch>(trustees);
     deaths = std::make_unique<watch::DeathWatch>(wakeFd);
-    std::vector<int> sources{wakeFd, folders->fd()};
+    blindTimerFd = checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create");
+    std::vector<int> sources{wakeFd, folders->fd(), blindTimerFd};
     if (!watch::DeathWatch::available()) {
       timerFd = checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create");
       itimerspec every{};
@@ -165,7 +171,7 @@ Watcher::Impl::Impl(std::string tag, std::set<std::string> watched)
 }
 
 void Watcher::Impl::closeDescriptors() noexcept {
-  for (int* fd : {&timerFd, &wakeFd, &epollFd}) {
+  for (int* fd : {&blindTimerFd, &timerFd, &wakeFd, &epollFd}) {
     if (*fd >= 0) close(*fd);
     *fd = -1;
   }
@@ -185,6 +191,10 @@ void Watcher::Impl::refresh() {
   // whatever changes after this wakes them again.
   bool deathsTold = readAll(wakeFd);
   if (timerFd >= 0 && readAll(timerFd)) deathsTold = true;
+  if (readAll(blindTimerFd)) {
+    blindTimerArmed = false;
+    dirty = true;
+  }
   watch::FolderWatch::Drained drained = folders->drain();
   // Kept until the mappings are renewed, should this read fail.
   replaced.merge(drained.replaced);
@@ -283,6 +293,15 @@ void Watcher::Impl::watchDeaths() {
   // mappings go.
   deaths->watch(words);
   mapped = std::move(keep);
+  // A record listed but not mapped (gone meanwhile, which its removal tells,
+  // or refused: no descriptors or mappings left), or a folder not watched:
+  // looked at again in a second.
+  if ((mapped.size() < current.size() || folders->missesFolders()) && !blindTimerArmed) {
+    itimerspec once{};
+    once.it_value.tv_sec = recheckInterval.count();
+    timerfd_settime(blindTimerFd, 0, &once, nullptr);
+    blindTimerArmed = true;
+  }
 }
 
 std::vector<EndpointChange> Watcher::Impl::changes() {
