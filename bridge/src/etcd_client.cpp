@@ -157,25 +157,30 @@ void EtcdClient::interrupt() noexcept {
   if (curl_ && curl_->multi) curl_multi_wakeup(curl_->multi);
 }
 
-json EtcdClient::callOnce(const std::string& url, const std::string& path, const std::string& body, bool& moveOn) {
+void EtcdClient::prepare(const std::string& target, curl_slist* headers, const std::string& body) {
   CURL* easy = curl_->easy;
   curl_easy_reset(easy);
-  std::string answer;
-  const std::string target = url + path;
-  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-  if (!token_.empty()) headers = curl_slist_append(headers, ("Authorization: " + token_).c_str());
   curl_easy_setopt(easy, CURLOPT_URL, target.c_str());
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.c_str());
   curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, appendTo);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings_.callTimeout.count()));
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings_.callTimeout.count()));
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   if (!settings_.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, settings_.caFile.c_str());
   if (!settings_.certFile.empty()) curl_easy_setopt(easy, CURLOPT_SSLCERT, settings_.certFile.c_str());
   if (!settings_.keyFile.empty()) curl_easy_setopt(easy, CURLOPT_SSLKEY, settings_.keyFile.c_str());
+}
+
+json EtcdClient::callOnce(const std::string& url, const std::string& path, const std::string& body, bool& moveOn) {
+  CURL* easy = curl_->easy;
+  std::string answer;
+  const std::string target = url + path;
+  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+  if (!token_.empty()) headers = curl_slist_append(headers, ("Authorization: " + token_).c_str());
+  prepare(target, headers, body);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, appendTo);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(settings_.callTimeout.count()));
   const CURLcode result = curl_easy_perform(easy);
   curl_slist_free_all(headers);
   if (result != CURLE_OK) {
@@ -343,27 +348,18 @@ void EtcdClient::watchPrefix(
       return size * count;
     };
     CURL* easy = curl_->easy;
-    curl_easy_reset(easy);
     const std::string target = url + "/v3/watch";
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
     // A member cut off from the leader ends the watch instead of going quiet.
     headers = curl_slist_append(headers, "Grpc-Metadata-hasleader: true");
     if (!token_.empty()) headers = curl_slist_append(headers, ("Authorization: " + token_).c_str());
-    curl_easy_setopt(easy, CURLOPT_URL, target.c_str());
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.c_str());
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    prepare(target, headers, body);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, write);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &stream);
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings_.callTimeout.count()));
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     // A member that dies without closing the connection is noticed by TCP.
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPIDLE, 2L);
     curl_easy_setopt(easy, CURLOPT_TCP_KEEPINTVL, 1L);
-    if (!settings_.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, settings_.caFile.c_str());
-    if (!settings_.certFile.empty()) curl_easy_setopt(easy, CURLOPT_SSLCERT, settings_.certFile.c_str());
-    if (!settings_.keyFile.empty()) curl_easy_setopt(easy, CURLOPT_SSLKEY, settings_.keyFile.c_str());
     curl_multi_add_handle(curl_->multi, easy);
     CURLcode result = CURLE_OK;
     bool done = false;

@@ -26,6 +26,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+struct curl_slist;  // libcurl's header list
+
 namespace agent::spf::endpointregistry::bridge {
 
 struct EtcdSettings {
@@ -98,6 +100,9 @@ class EtcdClient {
 
  private:
   struct Curl;
+  // Sets the easy handle up for a POST of `body` to `target`, with the
+  // settings' timeouts and TLS files.
+  void prepare(const std::string& target, ::curl_slist* headers, const std::string& body);
   nlohmann::json call(const std::string& path, const nlohmann::json& body);
   nlohmann::json callOnce(const std::string& url, const std::string& path, const std::string& body, bool& moveOn);
   void authenticate(const std::string& url);

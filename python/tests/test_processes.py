@@ -9,16 +9,7 @@ import pytest
 
 import endpointregistry as er
 
-PATIENCE = 30
-
-
-def hold(tag, first, ready, done):
-    """Publishes (first, "1") under tag, says so, and holds it until told."""
-    import endpointregistry
-
-    with endpointregistry.publish(first, "1", tag):
-        ready.set()
-        done.wait(PATIENCE)
+from publishers import PATIENCE, start_holder
 
 
 def listing(tag):
@@ -29,12 +20,8 @@ def listing(tag):
 
 @pytest.mark.parametrize("method", ["fork", "spawn"])
 def test_a_child_publishes_and_the_parent_lists(tag, method):
-    context = multiprocessing.get_context(method)
-    ready, done = context.Event(), context.Event()
-    child = context.Process(target=hold, args=(tag, method, ready, done))
-    child.start()
+    child, done = start_holder(tag, method, method)
     try:
-        assert ready.wait(PATIENCE)
         assert er.filter(tag) == [(method, "1")]
     finally:
         done.set()
@@ -59,11 +46,7 @@ def record_files():
 
 def test_a_killed_publisher_is_cleared_by_the_next_listing(tag):
     before = record_files()
-    context = multiprocessing.get_context("spawn")
-    ready, done = context.Event(), context.Event()
-    child = context.Process(target=hold, args=(tag, "doomed", ready, done))
-    child.start()
-    assert ready.wait(PATIENCE)
+    child, _ = start_holder(tag, "doomed")
     assert er.filter(tag) == [("doomed", "1")]
     os.kill(child.pid, signal.SIGKILL)
     child.join(PATIENCE)

@@ -3,7 +3,6 @@ waits, iteration, record changes, a killed publisher, closing."""
 
 import asyncio
 import datetime
-import multiprocessing
 import os
 import selectors
 import signal
@@ -12,15 +11,7 @@ import pytest
 
 import endpointregistry as er
 
-PATIENCE = 30
-
-
-def hold(tag, first, ready, done):
-    import endpointregistry
-
-    with endpointregistry.publish(first, "1", tag):
-        ready.set()
-        done.wait(PATIENCE)
+from publishers import PATIENCE, start_holder
 
 
 def test_first_call_lists_every_live_endpoint_then_nothing(tag):
@@ -45,11 +36,7 @@ def test_selectors_see_publication_and_withdrawal(tag):
 
 
 def test_a_killed_publisher_is_an_event(tag):
-    context = multiprocessing.get_context("spawn")
-    ready, done = context.Event(), context.Event()
-    child = context.Process(target=hold, args=(tag, "doomed", ready, done))
-    child.start()
-    assert ready.wait(PATIENCE)
+    child, _ = start_holder(tag, "doomed")
     with er.Watcher(tag) as watcher:
         assert watcher.changes() == [er.Change("appeared", "doomed", "1")]
         os.kill(child.pid, signal.SIGKILL)
