@@ -21,7 +21,6 @@
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
 #include "command.hpp"
-#include "directory/segment_names.hpp"
 #include "discovery/record_listing.hpp"
 #include "json_text.hpp"
 #include "record/record_name.hpp"
@@ -55,11 +54,7 @@ std::optional<std::chrono::system_clock::time_point> namedAt(const ListedRecord&
 // The tag of a record: the one --group named, or the hash its name holds.
 std::string tagOf(const ListOptions& options, const ListedRecord& record) {
   if (!options.groupTag.empty()) return options.groupTag;
-  const std::string dataHash = hashText(record.data.first + record.data.second);
-  const std::size_t start = std::string(recordPrefix).size();
-  const std::size_t end = record.name.rfind('l');
-  if (end == std::string::npos || end < start + dataHash.size()) return "#";
-  return "#" + record.name.substr(start, end - dataHash.size() - start);
+  return "#" + groupTagHash(record.name, record.data);
 }
 
 int runLong(const ListOptions& options) {

@@ -15,6 +15,14 @@ def listed(host, pairs, tag=TAG):
     wait_until(lambda: host.listing(tag) == wanted, what="%s to list %r" % (host.name, wanted))
 
 
+def bridged(cluster, hosts, prefix, ttl=10):
+    """Hosts A and B, each running a bridge of TAG."""
+    made = hosts("hostA"), hosts("hostB")
+    for host in made:
+        host.bridge(cluster.client, prefix, "--group", TAG, ttl=ttl)
+    return made
+
+
 def test_publication_and_withdrawal_propagate(cluster, hosts, prefix):
     a, b, c = hosts("hostA"), hosts("hostB"), hosts("hostC")
     for host in (a, b, c):
@@ -36,9 +44,7 @@ def test_publication_and_withdrawal_propagate(cluster, hosts, prefix):
 
 
 def test_a_killed_publisher_is_gone_on_the_other_host(cluster, hosts, prefix):
-    a, b = hosts("hostA"), hosts("hostB")
-    a.bridge(cluster.client, prefix, "--group", TAG)
-    b.bridge(cluster.client, prefix, "--group", TAG)
+    a, b = bridged(cluster, hosts, prefix)
     publisher = a.publish(b"doomed", b"1", TAG)
     listed(b, [(b"doomed", b"1")])
     assert stop_inside(publisher, signal.SIGKILL) == -signal.SIGKILL
@@ -74,9 +80,7 @@ def test_a_stopped_bridge_revokes_its_lease_at_once(cluster, hosts, prefix):
 
 
 def test_propagation_goes_on_when_a_member_dies(cluster, hosts, prefix):
-    a, b = hosts("hostA"), hosts("hostB")
-    a.bridge(cluster.client, prefix, "--group", TAG)
-    b.bridge(cluster.client, prefix, "--group", TAG)
+    a, b = bridged(cluster, hosts, prefix)
     first = a.publish(b"before", b"1", TAG)
     listed(b, [(b"before", b"1")])
     cluster.kill(0)  # the member both bridges ask first
@@ -89,9 +93,7 @@ def test_propagation_goes_on_when_a_member_dies(cluster, hosts, prefix):
 
 
 def test_everything_reconverges_after_the_whole_cluster_restarts(cluster, hosts, prefix):
-    a, b = hosts("hostA"), hosts("hostB")
-    a.bridge(cluster.client, prefix, "--group", TAG, ttl=3)
-    b.bridge(cluster.client, prefix, "--group", TAG, ttl=3)
+    a, b = bridged(cluster, hosts, prefix, ttl=3)
     stays = a.publish(b"stays", b"1", TAG)
     goes = a.publish(b"goes", b"1", TAG)
     listed(b, [(b"goes", b"1"), (b"stays", b"1")])
@@ -111,9 +113,7 @@ def test_everything_reconverges_after_the_whole_cluster_restarts(cluster, hosts,
 
 
 def test_the_same_data_on_two_hosts_is_one_endpoint_on_each(cluster, hosts, prefix):
-    a, b = hosts("hostA"), hosts("hostB")
-    a.bridge(cluster.client, prefix, "--group", TAG)
-    b.bridge(cluster.client, prefix, "--group", TAG)
+    a, b = bridged(cluster, hosts, prefix)
     on_a = a.publish(b"shared", b"1", TAG)
     listed(b, [(b"shared", b"1")])
     # The import holds the pair on B: a local publication of the same data
@@ -151,9 +151,7 @@ def test_a_local_synonym_is_taken_up_when_the_local_one_goes(cluster, hosts, pre
 
 
 def test_any_bytes_cross(cluster, hosts, prefix):
-    a, b = hosts("hostA"), hosts("hostB")
-    a.bridge(cluster.client, prefix, "--group", TAG)
-    b.bridge(cluster.client, prefix, "--group", TAG)
+    a, b = bridged(cluster, hosts, prefix)
     odd = [(b"nul\x00inside", b"\x00"), (b"\xff\xfe not utf-8", b"")]
     publishers = [a.publish(first, second, TAG) for first, second in odd]
     listed(b, odd)

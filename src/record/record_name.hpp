@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace agent::spf::endpointregistry {
 
@@ -35,5 +36,12 @@ class RecordName {
   unsigned long pid_;
   std::optional<std::size_t> segmentSize_;
 };
+
+// The group tag's hash as the record name `name` holds it, for a record
+// holding `data`: the name is "qzER", the tag's hash and the data's hash
+// (neither of fixed length), then "l<length>...". The data's hash is known
+// from the data, so what lies between is the tag's. Empty when the name does
+// not end its hashes with the data's.
+std::string groupTagHash(const std::string& name, const std::pair<std::string, std::string>& data);
 
 }  // namespace agent::spf::endpointregistry

@@ -62,18 +62,6 @@ bool readAll(int fd) noexcept {
   return had;
 }
 
-// The tag's hash in a record name: "qzER", the tag's hash and the data's
-// hash (neither of fixed length), then "l<length>p<pid>v<format>". The
-// data's hash is known from the data, so what lies between is the tag's.
-std::string tagHashOf(const std::string& name, const DataPair& data) {
-  const std::string dataHash = hashText(data.first + data.second);
-  const std::size_t prefixLength = groupPrefix("").size();
-  const std::size_t end = name.rfind('l');
-  if (end == std::string::npos || end < prefixLength + dataHash.size()) return {};
-  if (name.compare(end - dataHash.size(), dataHash.size(), dataHash) != 0) return {};
-  return name.substr(prefixLength, end - dataHash.size() - prefixLength);
-}
-
 RecordChange recordChange(EndpointChange::Kind kind, const RecordKey& key, const SeenRecord& seen) {
   RecordChange change;
   change.kind = kind;
@@ -81,7 +69,7 @@ RecordChange recordChange(EndpointChange::Kind kind, const RecordKey& key, const
   change.trustee = key.first;
   change.recordName = key.second;
   change.publisherPid = RecordName(key.second).pid();
-  change.groupTagHash = tagHashOf(key.second, seen.data);
+  change.groupTagHash = groupTagHash(key.second, seen.data);
   change.appearedAt = seen.appearedAt;
   return change;
 }
