@@ -22,8 +22,6 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "EndpointRegistry")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-# Building against the installed CMake package needs Boost.Log's headers.
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost-log-dev (>= 1.74)")
 
 find_program(ER_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(ER_DPKG_SHLIBDEPS)

@@ -10,6 +10,7 @@
 #include <new>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 

@@ -1,6 +1,8 @@
 // The library's channels, levels and message emission.
 #include <gtest/gtest.h>
 
+#include <boost/log/core/core.hpp>
+
 #include <foundation/log/admin.hpp>
 
 #include "diagnostics/diagnostics.hpp"

@@ -17,12 +17,8 @@ using foundation::log::diagnostic_logger;
 using foundation::log::local::admin;
 
 void emit(diagnostic_logger& logger, unsigned level, const std::string& text) {
-  boost::log::record record = logger.open_record(boost::log::keywords::severity = level);
-  ASSERT_TRUE(record);
-  boost::log::record_ostream stream(record);
-  stream << text;
-  stream.flush();
-  logger.push_record(std::move(record));
+  ASSERT_TRUE(logger.acceptsRecords());
+  logger.write(level, text);
 }
 
 std::string uniqueChannel(const char* stem) { return std::string(stem) + std::to_string(getpid()); }

@@ -15,6 +15,9 @@
 // where <level> is the decimal bit value, or the level's name once the host
 // has named the levels of that channel (setLevelNames()).
 //
+// Boost.Log, which writes the lines, is loaded with the first sink other
+// than "none" (or the first record of an enabled level), not before.
+//
 // Thread safety: all operations may be called from any thread.
 #pragma once
 
@@ -30,6 +33,8 @@ class admin {
   static std::shared_ptr<admin> get();
 
   // Selects the output sink; see the header comment for the names accepted.
+  // Throws std::invalid_argument for a malformed name, std::runtime_error
+  // when the Boost.Log back end cannot be loaded.
   void setSink(const std::string& sink);
 
   // Replaces the channel filter; see the header comment for the syntax.

@@ -1,20 +1,19 @@
 // Writing one diagnostic record.
 //
 // logMessage() is the one way the libraries write a line: it tests the level
-// bit first, so a disabled level builds no text and takes no lock, and then
-// writes the pieces one after another into a single record, with nothing
-// between them (numbers in decimal). A record whose text throws while it is
-// made is dropped, not pushed half-written.
+// bit first, so a disabled level builds no text, takes no lock and loads
+// nothing; then it asks whether the logging core takes records at all
+// (loading the Boost.Log back end on first need), writes the pieces one
+// after another, with nothing between them (numbers in decimal), and hands
+// the text to the core as a single record. A record whose text throws while
+// it is made is dropped, not pushed half-written.
 //
 // Throws what making the record or its text throws (std::bad_alloc, say);
 // callers that must not throw wrap it. Any thread may call it.
 #pragma once
 
-#include <exception>
-#include <utility>
-
-#include <boost/log/core/core.hpp>
-#include <boost/log/sources/record_ostream.hpp>
+#include <sstream>
+#include <string>
 
 namespace foundation::log {
 
@@ -23,17 +22,10 @@ namespace foundation::log {
 template <typename Logger, typename... Pieces>
 void logMessage(Logger& logger, unsigned level, const Pieces&... pieces) {
   if (!logger.isEnabled(level)) return;
-  if (!boost::log::core::get()->get_logging_enabled()) return;
-  boost::log::record record = logger.open_record(boost::log::keywords::severity = level);
-  if (!record) return;
-  const int exceptionsBefore = std::uncaught_exceptions();
-  {
-    boost::log::record_ostream stream(record);
-    (stream << ... << pieces);
-    stream.flush();
-  }
-  if (std::uncaught_exceptions() > exceptionsBefore) return;
-  logger.push_record(std::move(record));
+  if (!logger.acceptsRecords()) return;
+  std::ostringstream stream;
+  (stream << ... << pieces);
+  logger.write(level, std::move(stream).str());
 }
 
 }  // namespace foundation::log
