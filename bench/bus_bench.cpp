@@ -8,16 +8,11 @@
 // - bus/connection set-up: connect, authenticate, Hello;
 // - bus/SIGKILL to name gone: a child owning a name is killed; this process
 //   asks NameHasOwner until the answer is no;
-// - bus/new process owns a name: a new process connects, owns a name and
-//   reports it, against the same program started to report at once;
 // - bus/RequestName to NameOwnerChanged, bus/ReleaseName to
 //   NameOwnerChanged, bus/SIGKILL to NameOwnerChanged: from the step until a
 //   second connection, subscribed to the signal, receives it (the watcher's
 //   counterparts in watch_bench.cpp).
-//
-// This program is its own helper: started as
-//   bus_bench --report                   it reports and ends;
-//   bus_bench --own-one ADDRESS NAME     it connects, owns NAME, reports, ends.
+// (A new process owning a name is timed by startup_bench.cpp.)
 #include <benchmark/benchmark.h>
 #include <systemd/sd-bus.h>
 #include <chrono>
@@ -27,87 +22,16 @@
 #include <string>
 #include <vector>
 
+#include "bench_bus.hpp"
 #include "bench_processes.hpp"
 #include "bench_support.hpp"
 
 namespace {
 
+using erbench::busAddress;
+using erbench::daemonSlot;
 using erbench::Plan;
 using erbench::Samples;
-
-// A private session bus for this run: started on first use, stopped when
-// the program ends.
-class BusDaemon {
- public:
-  BusDaemon() : socketPath("/tmp/" + erbench::uniqueName("erBenchBus") + ".socket") {
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 3);
-    // Its complaints (it cannot raise its descriptor limit here) are not ours.
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    std::vector<std::string> words{"dbus-daemon",
-                                   "--session",
-                                   "--nofork",
-                                   "--nopidfile",
-                                   "--nosyslog",
-                                   "--print-address=3",
-                                   "--address=unix:path=" + socketPath};
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    const int result = posix_spawnp(&pid, "dbus-daemon", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    if (result != 0) {
-      close(out[0]);
-      throw std::runtime_error("dbus-daemon cannot be started");
-    }
-    // The daemon prints its address, then a newline, once it listens.
-    while (address.empty() || address.back() != '\n') {
-      pollfd pfd{out[0], POLLIN, 0};
-      char byte = 0;
-      if (poll(&pfd, 1, 10000) <= 0 || read(out[0], &byte, 1) != 1) break;
-      address += byte;
-    }
-    close(out[0]);
-    if (address.empty() || address.back() != '\n') {
-      stop();
-      throw std::runtime_error("dbus-daemon did not print its address");
-    }
-    address.pop_back();
-  }
-  ~BusDaemon() { stop(); }
-  BusDaemon(const BusDaemon&) = delete;
-  BusDaemon& operator=(const BusDaemon&) = delete;
-
-  const std::string& busAddress() const { return address; }
-
- private:
-  void stop() {
-    if (pid > 0) {
-      kill(pid, SIGTERM);
-      erbench::reap(pid);
-      pid = -1;
-    }
-    unlink(socketPath.c_str());
-  }
-
-  pid_t pid = -1;
-  std::string socketPath;
-  std::string address;
-};
-
-std::unique_ptr<BusDaemon>& daemonSlot() {
-  static std::unique_ptr<BusDaemon> slot;
-  return slot;
-}
-
-const std::string& busAddress() {
-  if (!daemonSlot()) daemonSlot() = std::make_unique<BusDaemon>();
-  return daemonSlot()->busAddress();
-}
 
 // One client connection, ready (Hello answered) once constructed.
 class Connection {
@@ -337,13 +261,6 @@ void killToOwnerChange(benchmark::State& state) {
 }
 
 // Each iteration also times a bare start (the floor), side by side.
-void startAndOwnName(benchmark::State& state) {
-  const std::string& address = busAddress();
-  erbench::timeStartBesideBareStart(state, [&] {
-    return std::vector<std::string>{"--own-one", address, busName("new")};
-  });
-}
-
 void registerFigures(const Plan& plan) {
   erbench::figure("bus/RequestName+ReleaseName", requestRelease, plan.iterations(2000));
   for (long n : plan.sizes()) {
@@ -357,32 +274,12 @@ void registerFigures(const Plan& plan) {
   erbench::figure(
       "bus/ReleaseName to NameOwnerChanged", [](auto& s) { ownerChange(s, true); }, plan.iterations(500));
   erbench::figure("bus/SIGKILL to NameOwnerChanged", killToOwnerChange, plan.iterations(200));
-  erbench::figure("bus/floor/process start", erbench::timeBareStart, plan.iterations(200));
-  erbench::figure("bus/new process owns a name", startAndOwnName, plan.iterations(200));
-}
-
-bool runHelperMode(int argc, char** argv, int& code) {
-  if (erbench::isBareStart(argc, argv)) {
-    erbench::reportAndAwaitRelease();
-    code = 0;
-    return true;
-  }
-  if (argc == 4 && std::strcmp(argv[1], "--own-one") == 0) {
-    Connection connection(argv[2]);
-    connection.requestName(argv[3]);
-    erbench::reportAndAwaitRelease();
-    code = 0;
-    return true;
-  }
-  return false;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int code = 0;
-  if (runHelperMode(argc, argv, code)) return code;
-  code = erbench::runBenchmarks(argc, argv, registerFigures);
+  const int code = erbench::runBenchmarks(argc, argv, registerFigures);
   daemonSlot().reset();
   return code;
 }

@@ -9,9 +9,10 @@
 //   cost against directory size, with the directory work one publication
 //   does at that size timed alongside);
 // - listing and filtering with N live endpoints, published by this process
-//   or by 4 other processes, with the directory read timed alongside (and,
-//   for a lister that holds no endpoint, the listing with the work thread
-//   kept alive).
+//   or by 4 other processes, with the directory read timed alongside: a
+//   process that lists again (reading the records it keeps mapped), and,
+//   for 4 other processes, each listing a first one (and, for a lister
+//   that holds no endpoint, the listing with the work thread kept alive).
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <memory>
@@ -26,11 +27,13 @@
 #include "concurrency/work_queue.hpp"
 #include "directory/directory_entry.hpp"
 #include "directory/segment_names.hpp"
+#include "discovery/kept_records.hpp"
 
 namespace {
 
 using agent::spf::endpointregistry::DirectoryEntry;
 using agent::spf::endpointregistry::Endpoint;
+using agent::spf::endpointregistry::KeptRecords;
 using agent::spf::endpointregistry::listDirectoryNames;
 using agent::spf::endpointregistry::synonymPrefix;
 using agent::spf::endpointregistry::WorkThreadGuard;
@@ -159,14 +162,17 @@ void publishBesideN(benchmark::State& state, long n) {
 // that holds no endpoint starts and joins the work thread for each
 // directory read; with `alsoHeld` the listing is timed a third time while a
 // work-thread guard is kept, which shows what that costs.
+// With `first`, the process forgets the records its listings keep mapped
+// before each one (not timed): each listing is a first listing.
 template <class Listing>
 void timeListing(benchmark::State& state, const Listing& listing, const std::string& prefix, long expected,
-                 bool alsoHeld = false) {
+                 bool alsoHeld = false, bool first = false) {
   Samples samples;
   Samples directory;
   Samples held;
   std::size_t listed = 0;
   for (auto _ : state) {
+    if (first) KeptRecords::ofProcess().clear();
     samples.time(state, [&] {
       auto result = listing();
       listed = result.size();
@@ -176,6 +182,7 @@ void timeListing(benchmark::State& state, const Listing& listing, const std::str
     benchmark::DoNotOptimize(listDirectoryNames(prefix, ""));
     directory.addSide(erbench::Clock::now() - start);
     if (alsoHeld) {
+      if (first) KeptRecords::ofProcess().clear();
       WorkThreadGuard keep([] {});
       start = erbench::Clock::now();
       benchmark::DoNotOptimize(listing());
@@ -246,10 +253,10 @@ FourPublishers& fourPublishers(long n) {
   return *slot;
 }
 
-void listFour(benchmark::State& state, long n) {
+void listFour(benchmark::State& state, long n, bool first) {
   fourPublishers(n);
   timeListing(
-      state, [] { return Endpoint::listFromLocal(); }, "qzER", n, true);
+      state, [] { return Endpoint::listFromLocal(); }, "qzER", n, first, first);
 }
 
 void filterFour(benchmark::State& state, long n) {
@@ -275,7 +282,9 @@ void registerFigures(const Plan& plan) {
   for (long n : plan.sizes()) {
     const std::string size = std::to_string(n);
     erbench::figure(
-        "list/four:" + size, [n](auto& s) { listFour(s, n); }, plan.sweepIterations(n, 400));
+        "list/four:" + size, [n](auto& s) { listFour(s, n, false); }, plan.sweepIterations(n, 400));
+    erbench::figure(
+        "list/four first:" + size, [n](auto& s) { listFour(s, n, true); }, plan.sweepIterations(n, 400));
     erbench::figure(
         "filter/four:" + size, [n](auto& s) { filterFour(s, n); }, plan.sweepIterations(n, 400));
   }

@@ -1,17 +1,22 @@
 // Floors of the registry's work, measured with bare system calls: what one
 // record costs a reader at the least (open, map, read, unmap and close one
 // existing segment of a record's size) and a publisher at the least (create,
-// size, map, write, unmap, close and remove one).
+// size, map, write, unmap, close and remove one). The floor of a cold
+// publication adds what a process that holds no other endpoint needs for
+// one besides: a thread started and joined, and a robust, process-shared
+// mutex in the segment set up, locked and unlocked on that thread.
 //
 // The segments live directly in /dev/shm, outside the registry's folders,
 // under names of this process; every one made is removed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "bench_support.hpp"
 
@@ -65,9 +70,45 @@ void createRemove(benchmark::State& state) {
   samples.report(state);
 }
 
+void coldPublication(benchmark::State& state) {
+  const std::string path = segmentPath(erbench::uniqueName("erBenchFloor"));
+  Samples samples;
+  bool failed = false;
+  for (auto _ : state) {
+    samples.time(state, [&] {
+      std::thread worker([&] {
+        const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0 || ftruncate(fd, segmentSize) != 0) {
+          failed = true;
+          return;
+        }
+        void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        auto* mutex = reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(address) + 8);
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+        pthread_mutex_init(mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+        failed |= pthread_mutex_lock(mutex) != 0;
+        failed |= pthread_mutex_unlock(mutex) != 0;
+        pthread_mutex_destroy(mutex);
+        munmap(address, segmentSize);
+        close(fd);
+        unlink(path.c_str());
+      });
+      worker.join();
+    });
+  }
+  if (failed) state.SkipWithError("the floor segment or its mutex failed");
+  samples.report(state);
+}
+
 void registerFigures(const Plan& plan) {
   erbench::figure("floor/open+map+read+unmap+close", openMapReadClose, plan.iterations(20000));
   erbench::figure("floor/create+remove", createRemove, plan.iterations(10000));
+  erbench::figure("floor/thread+create+lock+remove", coldPublication, plan.iterations(2000));
 }
 
 }  // namespace

@@ -1,8 +1,4 @@
 // Processes coming and going:
-// - a new process that starts, publishes one endpoint and reports it (one
-//   byte on its standard output), against its floor: the same program
-//   started to report at once, timed in the same iterations (and once more
-//   on its own);
 // - the time from SIGKILL of a publisher to the first listing that no
 //   longer shows its endpoint, against its floor: SIGKILL of a child to its
 //   reaping;
@@ -11,17 +7,15 @@
 //   until a listing shows all three endpoints again, with no call from the
 //   publishers. (The second removes the running user's scope folder; every
 //   live publication of the user is made again within milliseconds.)
-//
-// This program is its own helper: started as
-//   lifecycle_bench --report                 it reports and ends;
-//   lifecycle_bench --publish-one TAG        it publishes, reports and ends.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <endpointregistry/endpoint.hpp>
@@ -36,12 +30,6 @@ namespace {
 using agent::spf::endpointregistry::Endpoint;
 using erbench::Plan;
 using erbench::Samples;
-
-// Each iteration also times a bare start (the floor), side by side.
-void newProcessPublishes(benchmark::State& state) {
-  const std::string tag = erbench::uniqueName("erBenchNew");
-  erbench::timeStartBesideBareStart(state, [&tag] { return std::vector<std::string>{"--publish-one", tag}; });
-}
 
 // A child that blocks until killed.
 std::unique_ptr<erbench::ChildHolding> sleeper() {
@@ -105,6 +93,10 @@ template <class Remove>
 void removedToListedAgain(benchmark::State& state, const std::string& stem, const Remove& remove) {
   const std::string tag = erbench::uniqueName(stem);
   const auto publishers = threePublishers(tag);
+  // A publisher starts watching its records 50 ms after its first
+  // publication (and then looks for damage done before): healing from then on
+  // is what is timed.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   Samples samples;
   long listings = 0;
   for (auto _ : state) {
@@ -144,34 +136,12 @@ void folderRemovedToListedAgain(benchmark::State& state) {
 }
 
 void registerFigures(const Plan& plan) {
-  erbench::figure("floor/process start", erbench::timeBareStart, plan.iterations(200));
-  erbench::figure("new process publishes one", newProcessPublishes, plan.iterations(200));
   erbench::figure("floor/SIGKILL to reaped", killToReaped, plan.iterations(200));
   erbench::figure("SIGKILL to gone from listing", killToGone, plan.iterations(200));
   erbench::figure("healing/record segments removed", recordsRemovedToListedAgain, plan.iterations(100));
   erbench::figure("healing/scope folder removed", folderRemovedToListedAgain, plan.iterations(100));
 }
 
-// The helper modes; false when `argv` asks for none.
-bool runHelperMode(int argc, char** argv, int& code) {
-  if (erbench::isBareStart(argc, argv)) {
-    erbench::reportAndAwaitRelease();
-    code = 0;
-    return true;
-  }
-  if (argc == 3 && std::strcmp(argv[1], "--publish-one") == 0) {
-    Endpoint endpoint = Endpoint::publish("10.8.8.8", "1", argv[2]);
-    erbench::reportAndAwaitRelease();
-    code = 0;
-    return true;
-  }
-  return false;
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-  int code = 0;
-  if (runHelperMode(argc, argv, code)) return code;
-  return erbench::runBenchmarks(argc, argv, registerFigures);
-}
+int main(int argc, char** argv) { return erbench::runBenchmarks(argc, argv, registerFigures); }

@@ -9,6 +9,7 @@
 //   "record.published"          record complete: name in the directory
 //   "record.withdrawing"        liveness flag cleared, name still in the directory
 //   "record.probing"            a reader saw the liveness flag set, mutex not yet probed
+//   "record.opening"            a reader opens a record segment by its name
 //   "record.reclaiming"         a reader removed a stale record's segment, name still in the directory
 //   "directory.entry.erased"    name erased, liveness lock still held
 //   "directory.initialize.claimed"   base claimed, not yet initialised

@@ -4,12 +4,14 @@
 #include <endpointregistry/endpoint.hpp>
 
 #include <exception>
+#include <optional>
 #include <unordered_set>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
 #include "directory/segment_names.hpp"
 #include "discovery/current_user_groups.hpp"
+#include "discovery/kept_records.hpp"
 #include "discovery/record_listing.hpp"
 #include "endpoint/endpoint_impl.hpp"
 #include "endpoint/registry_operation.hpp"
@@ -17,7 +19,8 @@
 
 namespace agent::spf::endpointregistry {
 
-using DataPairs = std::vector<std::pair<std::string, std::string>>;
+using DataPair = std::pair<std::string, std::string>;
+using DataPairs = std::vector<DataPair>;
 
 namespace {
 
@@ -62,11 +65,20 @@ std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::se
     // last directory is read, while it is still awake.
     if (trustee == *trustees.rbegin()) operation.releaseWorkThread();
     RecordReader& reader = operation.records(trustee);
+    KeptRecords::Listing kept = KeptRecords::ofProcess().listing(trustee, groupPrefix(groupTag));
     for (const std::string& name : names) {
-      RecordRead read = reader.read(RecordName(name));
+      if (std::optional<DataPair> data = kept.readLive(name)) {
+        if (!data->first.empty() || !data->second.empty())
+          records.push_back(ListedRecord{trustee, name, std::move(*data)});
+        continue;
+      }
+      agent::spf::sharedmemory::SegmentView view;
+      RecordRead read = reader.read(RecordName(name), RecordJudgement::Listing, kept.hasRoom() ? &view : nullptr);
+      kept.keep(name, std::move(view));
       if (read.data.first.empty() && read.data.second.empty()) continue;
       records.push_back(ListedRecord{trustee, name, std::move(read.data)});
     }
+    kept.finish();
     sweepUnlistedRecords(groupTag, names, reader);
   }
   return records;

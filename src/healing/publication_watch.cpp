@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sys/inotify.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 #include <cerrno>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <thread>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include <agent/spf/sharedmemory/shared_memory.hpp>
 
@@ -34,11 +36,30 @@ constexpr std::chrono::milliseconds firstRetryInterval{10};
 
 constexpr std::uint32_t watchedChanges = IN_ATTRIB | IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF;
 
+// How long after its first publication a process starts its watch. The
+// kernel makes the last close of a watching descriptor wait for a grace
+// period (milliseconds), which every process that ever watched pays when it
+// ends: a process that publishes and ends within this time never watches,
+// and pays nothing. Damage done meanwhile is looked for when the watch
+// starts.
+constexpr std::chrono::milliseconds watchDelay{50};
+
+// A record's watch as watchRecord() hands it out: the kernel's watch once
+// the watch has started, -1 before.
+struct RecordWatch {
+  std::string trustee;
+  std::string name;
+  int kernelWatch = -1;
+};
+
 struct Watch {
   std::mutex mutex;
-  int fd = -1;
-  std::unordered_map<int, Target> targets;
-  std::unordered_map<std::string, int> directories;  // trustee -> watch of its base
+  int fd = -1;     // the inotify descriptor, once the watch has started
+  int timer = -1;  // until then: the timer that starts it
+  int nextHandle = 0;
+  std::unordered_map<int, RecordWatch> records;      // by handle
+  std::unordered_map<int, Target> targets;           // by kernel watch
+  std::unordered_map<std::string, int> directories;  // trustee -> watch of its base (-1: to be made)
   // The healer's work: requested while it runs, done in its next round.
   bool healerRunning = false;
   bool healAll = false;
@@ -57,6 +78,7 @@ Watch& theWatch() {
       // the descriptor and starts with no watch (its records are none).
       Watch& inherited = theWatch();
       if (inherited.fd >= 0) close(inherited.fd);
+      if (inherited.timer >= 0) close(inherited.timer);
       alignas(Watch) static unsigned char parked[sizeof(Watch)];
       std::memcpy(parked, static_cast<void*>(&inherited), sizeof parked);
       ::new (static_cast<void*>(&inherited)) Watch{};
@@ -66,29 +88,80 @@ Watch& theWatch() {
   return *made;
 }
 
-// The watch's descriptor, made (and handed to the primary work thread) on
-// first need. Under the watch's mutex.
-int descriptorOf(Watch& watch) {
-  if (watch.fd < 0) {
-    watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (watch.fd >= 0) setIdleWatch(IdleWatch{watch.fd, &onReadable});
+void onTimer() noexcept;
+
+// True once the watch has started (or could not be started, and never
+// will). Until then the first call arms the timer that starts it (handed to
+// the primary work thread, which waits on it while it sleeps). Under the
+// watch's mutex.
+bool started(Watch& watch) {
+  if (watch.fd >= 0) return true;
+  if (watch.timer >= 0) return false;
+  watch.timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(watchDelay).count();
+  itimerspec due{};
+  due.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+  due.it_value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+  if (watch.timer >= 0 && timerfd_settime(watch.timer, 0, &due, nullptr) == 0) {
+    setIdleWatch(IdleWatch{watch.timer, &onTimer});
+    return false;
   }
-  return watch.fd;
+  // No timer: the watch starts at once.
+  if (watch.timer >= 0) close(watch.timer);
+  watch.timer = -1;
+  watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (watch.fd >= 0) setIdleWatch(IdleWatch{watch.fd, &onReadable});
+  return true;
 }
 
 int addWatch(Watch& watch, const std::string& trustee, const std::string& name, bool directory) {
-  const int fd = descriptorOf(watch);
-  if (fd < 0) return -1;
+  if (watch.fd < 0) return -1;
   const std::string folder = agent::spf::sharedmemory::scopeFolderPath(trustee);
   if (folder.empty()) return -1;
-  const int added = inotify_add_watch(fd, (folder + "/" + name).c_str(), watchedChanges | IN_DONT_FOLLOW);
+  const int added = inotify_add_watch(watch.fd, (folder + "/" + name).c_str(), watchedChanges | IN_DONT_FOLLOW);
   if (added >= 0) watch.targets[added] = Target{trustee, directory};
   return added;
 }
 
 void watchDirectoryLocked(Watch& watch, const std::string& trustee) {
+  if (!started(watch)) {
+    watch.directories.try_emplace(trustee, -1);
+    return;
+  }
   const int added = addWatch(watch, trustee, registryDirectoryName + "v0", true);
-  if (added >= 0) watch.directories[trustee] = added;
+  if (added >= 0) {
+    watch.directories[trustee] = added;
+  } else {
+    watch.directories.erase(trustee);
+  }
+}
+
+// Runs on the primary work thread when the timer is due: starts the watch
+// with what is to be watched by now, and has the healer look at those
+// trustees' records for damage done before.
+void onTimer() noexcept {
+  Watch& watch = theWatch();
+  std::set<std::string> trustees;
+  {
+    std::lock_guard<std::mutex> lock(watch.mutex);
+    if (watch.timer < 0) return;
+    close(watch.timer);
+    watch.timer = -1;
+    watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    setIdleWatch(IdleWatch{watch.fd, watch.fd >= 0 ? &onReadable : nullptr});
+    if (watch.fd < 0) return;  // unwatched, as when a watch cannot be added
+    std::vector<std::string> directories;
+    for (const auto& [trustee, kernelWatch] : watch.directories) directories.push_back(trustee);
+    for (const std::string& trustee : directories) {
+      watchDirectoryLocked(watch, trustee);
+      trustees.insert(trustee);
+    }
+    for (auto& [handle, record] : watch.records) {
+      record.kernelWatch = addWatch(watch, record.trustee, record.name, false);
+      trustees.insert(record.trustee);
+    }
+  }
+  if (!trustees.empty()) requestHealing(trustees, false);
 }
 
 // A log line where nothing may be thrown: one that cannot be written is dropped.
@@ -162,6 +235,9 @@ void onReadable() noexcept {
         trustees.insert(found->second.trustee);
         if ((event->mask & IN_IGNORED) != 0) {
           if (found->second.directory) watch.directories.erase(found->second.trustee);
+          for (auto& [handle, record] : watch.records) {
+            if (record.kernelWatch == event->wd) record.kernelWatch = -1;
+          }
           watch.targets.erase(found);
         }
       }
@@ -177,7 +253,11 @@ int watchRecord(const std::string& trustee, const std::string& name) noexcept {
     Watch& watch = theWatch();
     std::lock_guard<std::mutex> lock(watch.mutex);
     if (watch.directories.count(trustee) == 0) watchDirectoryLocked(watch, trustee);
-    return addWatch(watch, trustee, name, false);
+    const int kernelWatch = started(watch) ? addWatch(watch, trustee, name, false) : -1;
+    if (watch.fd >= 0 && kernelWatch < 0) return -1;
+    const int handle = watch.nextHandle++;
+    watch.records.emplace(handle, RecordWatch{trustee, name, kernelWatch});
+    return handle;
   } catch (...) {
     return -1;
   }
@@ -188,7 +268,13 @@ void unwatchRecord(int watched) noexcept {
   try {
     Watch& watch = theWatch();
     std::lock_guard<std::mutex> lock(watch.mutex);
-    if (watch.targets.erase(watched) != 0 && watch.fd >= 0) inotify_rm_watch(watch.fd, watched);
+    const auto found = watch.records.find(watched);
+    if (found == watch.records.end()) return;
+    const int kernelWatch = found->second.kernelWatch;
+    watch.records.erase(found);
+    if (kernelWatch >= 0 && watch.targets.erase(kernelWatch) != 0 && watch.fd >= 0) {
+      inotify_rm_watch(watch.fd, kernelWatch);
+    }
   } catch (...) {
     // Its events, if any, find no target and are dropped.
   }

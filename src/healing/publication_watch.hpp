@@ -6,6 +6,11 @@
 // while it waits for jobs, sorts what the kernel reports, and starts the
 // healer, a short-lived thread of its own, when there is something to heal.
 //
+// The watch starts 50 ms after the process's first publication (a timer on
+// the same thread), and then has the healer look for damage done before:
+// the kernel makes a process that ever watched wait some milliseconds when
+// it ends, which a process that publishes briefly is spared.
+//
 // Healing that fails (the scope folder cannot be made, for example) is
 // logged once and tried again a bounded number of times, at growing
 // intervals; the next event starts over.
@@ -25,8 +30,9 @@
 namespace agent::spf::endpointregistry::healing {
 
 // Watches a published record's segment, and the base of its trustee's
-// directory; returns the record's watch, or -1 when it cannot be watched
-// (it is then healed only along with others).
+// directory (from the start of the watch on); returns the record's watch,
+// or -1 when it cannot be watched (it is then healed only along with
+// others).
 int watchRecord(const std::string& trustee, const std::string& name) noexcept;
 // Ends the watch of a record (before the record's segment goes).
 void unwatchRecord(int watch) noexcept;

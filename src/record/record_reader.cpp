@@ -20,6 +20,7 @@ namespace {
 
 using agent::spf::sharedmemory::MappedAccess;
 using agent::spf::sharedmemory::SegmentReader;
+using agent::spf::sharedmemory::SegmentView;
 using agent::spf::sharedmemory::SharedMemory;
 using DataPair = RecordReader::DataPair;
 
@@ -39,9 +40,28 @@ RecordState stateOfUnflagged(const SharedMemory& segment, unsigned long pid, Rec
   return segment.isClaimed() ? Transient : Stale;
 }
 
+// Copies bytes of a record segment, by read calls or from a view.
+class RecordBytes {
+ public:
+  explicit RecordBytes(const SegmentReader& reader) : reader_(&reader) {}
+  explicit RecordBytes(const SegmentView& view) : view_(&view) {}
+
+  // False when fewer than `length` bytes are there.
+  bool read(std::size_t offset, void* buffer, std::size_t length) const {
+    if (reader_ != nullptr) return reader_->read(offset, buffer, length);
+    if (offset > view_->size() || length > view_->size() - offset) return false;
+    std::memcpy(buffer, static_cast<const char*>(view_->data()) + offset, length);
+    return true;
+  }
+
+ private:
+  const SegmentReader* reader_ = nullptr;
+  const SegmentView* view_ = nullptr;
+};
+
 // The record's header, when it shows the record live: flag set, liveness
 // mutex held (what a probe of the mutex would answer with EBUSY).
-std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader) {
+std::optional<RecordHeader> readLiveHeader(const RecordBytes& reader) {
   RecordHeader header;
   if (!reader.read(0, &header, sizeof header)) return std::nullopt;
   ER_TEST_HOOK("record.probing");
@@ -55,7 +75,7 @@ std::optional<RecordHeader> readLiveHeader(const SegmentReader& reader) {
 // owner holding the mutex); the data is read only after the flag was seen
 // set. Any other record is left to the mapped path, which probes the mutex
 // itself and clears stale records away.
-std::optional<DataPair> readLiveRecord(const SegmentReader& reader, unsigned long dataLength) {
+std::optional<DataPair> readLiveRecord(const RecordBytes& reader, unsigned long dataLength) {
   const std::optional<RecordHeader> header = readLiveHeader(reader);
   if (!header || header->firstLength > dataLength) return std::nullopt;
   std::string bytes(recordDataOffset + dataLength, '\0');
@@ -133,16 +153,30 @@ RecordState RecordReader::classify(SharedMemory& segment, unsigned long pid, Rec
       "System error: Endpoint::getState Mutex in undesired state (Return : " + std::to_string(state) + ")");
 }
 
-RecordRead RecordReader::read(const RecordName& name, RecordJudgement judgement) {
+RecordRead RecordReader::read(const RecordName& name, RecordJudgement judgement, SegmentView* keep) {
   if (name.format() != 0) return {};
+  ER_TEST_HOOK("record.opening");
   {
     const SegmentReader reader = openUnmapped(name);
     if (!reader.isOpen()) return {};
-    if (auto live = readLiveRecord(reader, name.dataLength())) return {RecordRead::Live, std::move(*live)};
+    // With `keep`, one mapping instead of two read calls: no dearer now, and
+    // free to read again while it is kept.
+    SegmentView view = keep != nullptr ? reader.view(*name.segmentSize()) : SegmentView();
+    std::optional<DataPair> live = view.isMapped() ? readLiveView(view, name.dataLength())
+                                                   : readLiveRecord(RecordBytes(reader), name.dataLength());
+    if (live) {
+      if (view.isMapped()) *keep = std::move(view);
+      return {RecordRead::Live, std::move(*live)};
+    }
   }
   SharedMemory segment = findSegment(name, trustee_);
   if (!segment.isAttached()) return {};
   return readMappedRecord(segment, name, trustee_, judgement);
+}
+
+std::optional<DataPair> RecordReader::readLiveView(const SegmentView& view, unsigned long dataLength) {
+  const MappedAccess mapped;
+  return readLiveRecord(RecordBytes(view), dataLength);
 }
 
 bool RecordReader::isPublished(const RecordName& name) {
@@ -150,7 +184,7 @@ bool RecordReader::isPublished(const RecordName& name) {
   {
     const SegmentReader reader = openUnmapped(name);
     if (!reader.isOpen()) return false;
-    if (readLiveHeader(reader)) return true;
+    if (readLiveHeader(RecordBytes(reader))) return true;
   }
   SharedMemory segment = findSegment(name, trustee_);
   return segment.isAttached() && classify(segment, name.pid(), RecordJudgement::Listing) != Stale;
@@ -179,7 +213,7 @@ std::vector<std::string> RecordReader::liveNames() {
     const RecordName name(std::move(text));
     if (name.format() != 0) continue;
     const SegmentReader reader = openUnmapped(name);
-    if (reader.isOpen() && readLiveHeader(reader)) names.push_back(name.text());
+    if (reader.isOpen() && readLiveHeader(RecordBytes(reader))) names.push_back(name.text());
   }
   return names;
 }

@@ -77,8 +77,19 @@ class RecordReader {
   // directory name: erasing it is explicit maintenance, which first makes
   // sure that the segment is really absent. Throws std::out_of_range when a
   // live record's first length exceeds its data, std::runtime_error when its
-  // mutex probes in an undesired state.
-  RecordRead read(const RecordName& name, RecordJudgement judgement = RecordJudgement::Listing);
+  // mutex probes in an undesired state. With `keep`, a record found live at
+  // once is read through a mapping, which is handed over in *keep for
+  // readLiveView() later (unmapped otherwise).
+  RecordRead read(const RecordName& name, RecordJudgement judgement = RecordJudgement::Listing,
+                  agent::spf::sharedmemory::SegmentView* keep = nullptr);
+
+  // The data of a record kept mapped (see read()) when it is still plainly
+  // live: flag set and mutex held before and after the copy, header
+  // unchanged. Empty for anything else (withdrawn, stale, being torn down,
+  // cut short), which only a read() by name may judge. No system call;
+  // never throws but std::bad_alloc.
+  static std::optional<DataPair> readLiveView(const agent::spf::sharedmemory::SegmentView& view,
+                                              unsigned long dataLength);
 
   // True when the record counts as published: live, or being published or
   // withdrawn. Reclaims nothing. For duplicate detection. Throws as read().

@@ -1,3 +1,4 @@
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -98,6 +99,29 @@ bool SegmentReader::read(std::size_t offset, void* buffer, std::size_t length) c
     length -= static_cast<std::size_t>(got);
   }
   return true;
+}
+
+SegmentView SegmentReader::view(std::size_t size) const noexcept {
+  if (fd_ < 0 || size == 0) return SegmentView();
+  void* address = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
+  if (address == MAP_FAILED) return SegmentView();
+  return SegmentView(address, size);
+}
+
+SegmentView::SegmentView(SegmentView&& other) noexcept
+    : address_(std::exchange(other.address_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+
+SegmentView& SegmentView::operator=(SegmentView&& other) noexcept {
+  if (this != &other) {
+    if (address_ != nullptr) munmap(address_, size_);
+    address_ = std::exchange(other.address_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+  }
+  return *this;
+}
+
+SegmentView::~SegmentView() {
+  if (address_ != nullptr) munmap(address_, size_);
 }
 
 }  // namespace agent::spf::sharedmemory

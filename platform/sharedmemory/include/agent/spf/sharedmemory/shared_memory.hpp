@@ -180,6 +180,33 @@ class FolderTrust {
   FolderTrust& operator=(const FolderTrust&) = delete;
 };
 
+// A read-only mapping of a segment that outlives the reader that made it
+// (SegmentReader::view): for a caller that reads the same segment again and
+// again and wants no system call for it. It sees the segment's bytes as
+// they are at each access, also after the segment's name was removed or
+// given to another segment (the view keeps the old one). Read it only under
+// a MappedAccess: another process may cut the segment short. Move-only;
+// unmapped on destruction.
+class SegmentView {
+ public:
+  SegmentView() noexcept = default;
+  SegmentView(SegmentView&& other) noexcept;
+  SegmentView& operator=(SegmentView&& other) noexcept;
+  SegmentView(const SegmentView&) = delete;
+  SegmentView& operator=(const SegmentView&) = delete;
+  ~SegmentView();
+
+  bool isMapped() const noexcept { return address_ != nullptr; }
+  const void* data() const noexcept { return address_; }
+  std::size_t size() const noexcept { return size_; }
+
+ private:
+  friend class SegmentReader;
+  SegmentView(void* address, std::size_t size) noexcept : address_(address), size_(size) {}
+  void* address_ = nullptr;
+  std::size_t size_ = 0;
+};
+
 // An existing segment opened for reading with read calls instead of a
 // mapping: a reader that looks at a segment once and briefly saves the map,
 // the unmap (which, in a process with other running threads, interrupts
@@ -209,6 +236,10 @@ class SegmentReader {
   // Copies `length` bytes from `offset` into `buffer`; false when fewer were
   // there (the segment shrank) or the read failed. Never throws.
   bool read(std::size_t offset, void* buffer, std::size_t length) const noexcept;
+
+  // Maps the first `size` bytes of the segment read-only; unmapped when the
+  // reader is not open or the mapping fails. Never throws.
+  SegmentView view(std::size_t size) const noexcept;
 
  private:
   explicit SegmentReader(int fd) noexcept : fd_(fd) {}

@@ -1,0 +1,224 @@
+// Listings keep the mappings of the live records they read, and read them
+// there the next time. A kept mapping answers only while its record shows
+// live in it; a record withdrawn, killed, published anew under its name or
+// cut short is read by name again, as a first listing reads it.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <endpointregistry/endpoint.hpp>
+
+#include "diagnostics/test_hooks.hpp"
+#include "directory/segment_names.hpp"
+#include "discovery/kept_records.hpp"
+#include "support/child_process.hpp"
+#include "support/registry_cleanup.hpp"
+#include "support/shm_files.hpp"
+
+namespace agent::spf::endpointregistry {
+namespace {
+
+using er::test::ChildProcess;
+using er::test::fileExists;
+using er::test::filesIn;
+using er::test::RegistryCleanup;
+using er::test::uniqueName;
+using er::test::userPath;
+using er::test::userScope;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+std::atomic<int> opened{0};
+void countOpening(const char* point) {
+  if (std::strcmp(point, "record.opening") == 0) ++opened;
+}
+#endif
+
+// True when a file whose path ends in `name` (or in `name` " (deleted)") is
+// mapped into this process.
+bool mappedHere(const std::string& name) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find("/" + name) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// The one record file of `tag` in the user's scope (empty if none or more).
+std::string recordFileOf(const std::string& tag) {
+  const std::set<std::string> files = filesIn(userScope(), groupPrefix(tag));
+  return files.size() == 1 ? *files.begin() : std::string();
+}
+
+// Waits (bounded) until `done` holds.
+template <class Condition>
+bool eventually(Condition done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// A child that publishes {first, "1"} under `tag`, says "live", and
+// withdraws when told "go" (then says "gone" and waits to be told "end").
+std::unique_ptr<ChildProcess> publisher(const std::string& tag, const std::string& first) {
+  auto child = std::make_unique<ChildProcess>([tag, first](ChildProcess& self) {
+    auto endpoint = std::make_unique<Endpoint>(std::make_pair(first, std::string("1")), tag);
+    self.tellParent("live");
+    if (self.readFromParent() != "go") return 1;
+    endpoint.reset();
+    self.tellParent("gone");
+    return self.readFromParent() == "end" ? 0 : 2;
+  });
+  EXPECT_EQ(child->readFromChild(), "live");
+  return child;
+}
+
+class KeptRecordsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { KeptRecords::ofProcess().clear(); }
+  void TearDown() override {
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+    testhooks::install(nullptr);
+#endif
+    KeptRecords::ofProcess().clear();
+  }
+  std::string tag = uniqueName("keptTag");
+  RegistryCleanup cleanup{tag};
+};
+
+TEST_F(KeptRecordsTest, AListingAgainOpensNoRecordThatIsStillLive) {
+#if !defined(ENDPOINTREGISTRY_TEST_HOOKS)
+  GTEST_SKIP() << "needs the test hooks (not in Release builds)";
+#else
+  auto a = publisher(tag, "a");
+  auto b = publisher(tag, "b");
+  auto c = publisher(tag, "c");
+  testhooks::install(countOpening);
+  const Pairs expected{{"a", "1"}, {"b", "1"}, {"c", "1"}};
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  EXPECT_EQ(opened.exchange(0), 3);
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 3u);
+  for (const std::string& file : filesIn(userScope(), groupPrefix(tag))) EXPECT_TRUE(mappedHere(file)) << file;
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  EXPECT_EQ(opened.exchange(0), 0);
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 3u);
+#endif
+}
+
+TEST_F(KeptRecordsTest, AWithdrawnRecordIsNotListedAndItsMappingGoes) {
+  auto child = publisher(tag, "w");
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"w", "1"}}));
+  const std::string file = recordFileOf(tag);
+  ASSERT_FALSE(file.empty());
+  ASSERT_TRUE(mappedHere(file));
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  EXPECT_FALSE(mappedHere(file));
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+TEST_F(KeptRecordsTest, AKilledPublishersRecordIsClearedAwayAsByAFirstListing) {
+  auto child = publisher(tag, "k");
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"k", "1"}}));
+  const std::string file = recordFileOf(tag);
+  ASSERT_FALSE(file.empty());
+  child->kill(SIGKILL);
+  ASSERT_EQ(child->wait(), 128 + SIGKILL);
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  EXPECT_FALSE(fileExists(userPath(file)));
+  EXPECT_FALSE(mappedHere(file));
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
+}
+
+// The same name, a new segment: the kept mapping of the old one shows it
+// withdrawn, and the new one is read (and kept) by name.
+TEST_F(KeptRecordsTest, ARecordPublishedAgainUnderItsNameIsReadAnew) {
+  auto first = std::make_unique<Endpoint>(std::make_pair(std::string("again"), std::string("1")), tag);
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
+  struct stat before {};
+  ASSERT_EQ(stat(userPath(recordFileOf(tag)).c_str(), &before), 0);
+  first.reset();
+  Endpoint second({"again", "1"}, tag);
+  struct stat after {};
+  ASSERT_EQ(stat(userPath(recordFileOf(tag)).c_str(), &after), 0);
+  ASSERT_NE(before.st_ino, after.st_ino);
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 1u);
+}
+
+// Another process removes a kept record's file; its publisher publishes it
+// anew and lets go of the old segment, which the kept mapping still shows.
+// After the publisher withdraws, the endpoint is listed no more.
+TEST_F(KeptRecordsTest, AHealedRecordIsListedOnceAndGoesWithItsWithdrawal) {
+  auto child = publisher(tag, "healed");
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
+  const std::string file = recordFileOf(tag);
+  struct stat before {};
+  ASSERT_EQ(stat(userPath(file).c_str(), &before), 0);
+  ASSERT_EQ(unlink(userPath(file).c_str()), 0);
+  ASSERT_TRUE(eventually([&] {
+    struct stat now {};
+    return stat(userPath(file).c_str(), &now) == 0 && now.st_ino != before.st_ino;
+  }));
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+// A kept record cut to nothing reads as zeros in the mapping, never as a
+// fault; its publisher publishes it anew and the listing finds it again.
+TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverCrashesTheListing) {
+  auto child = publisher(tag, "cut");
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"cut", "1"}}));
+  const std::string path = userPath(recordFileOf(tag));
+  ASSERT_EQ(truncate(path.c_str(), 0), 0);
+  const Pairs during = Endpoint::filter(tag);
+  EXPECT_TRUE(during.empty() || during == (Pairs{{"cut", "1"}}));
+  EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"cut", "1"}}; }));
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+TEST_F(KeptRecordsTest, AForkedChildListsThroughTheMappingsItInherits) {
+  auto child = publisher(tag, "inherited");
+  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"inherited", "1"}}));
+  const std::optional<int> code = er::test::runInChild([this](ChildProcess&) {
+    if (KeptRecords::ofProcess().size() != 1) return 3;
+    return Endpoint::filter(tag) == Pairs{{"inherited", "1"}} ? 0 : 4;
+  });
+  EXPECT_EQ(code, 0);
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  const std::optional<int> afterwards =
+      er::test::runInChild([this](ChildProcess&) { return Endpoint::filter(tag).empty() ? 0 : 5; });
+  EXPECT_EQ(afterwards, 0);
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+}  // namespace
+}  // namespace agent::spf::endpointregistry
