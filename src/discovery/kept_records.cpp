@@ -27,7 +27,9 @@ KeptRecords::Listing KeptRecords::listing(const std::string& trustee, const std:
 void KeptRecords::clear() {
   std::lock_guard lock(mutex_);
   byTrustee_.clear();
+  cleanSweeps_.clear();
   count_ = 0;
+  names_ = 0;
 }
 
 std::size_t KeptRecords::size() {
@@ -35,48 +37,85 @@ std::size_t KeptRecords::size() {
   return count_;
 }
 
+std::size_t KeptRecords::names() {
+  std::lock_guard lock(mutex_);
+  return names_;
+}
+
 KeptRecords::Listing::Listing(KeptRecords& kept, const std::string& trustee, std::string prefix)
     : lock_(kept.mutex_),
       kept_(kept),
       records_(kept.byTrustee_[trustee]),
+      trustee_(trustee),
       prefix_(std::move(prefix)),
       serial_(++kept.serial_) {}
 
-std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name) {
-  const auto found = records_.find(name);
-  if (found == records_.end()) return std::nullopt;
-  KeptRecord& record = found->second;
-  std::optional<DataPair> data = RecordReader::readLiveView(record.view, record.dataLength);
-  if (!data) {
-    records_.erase(found);
-    --kept_.count_;
+std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
+  mapNow = false;
+  auto found = records_.find(name);
+  if (found == records_.end()) {
+    // Met for the first time: noted, read by name and not mapped.
+    if (kept_.names_ >= 4 * capacity) return std::nullopt;
+    records_.emplace(name, KeptRecord{SegmentView(), RecordName(name).dataLength(), serial_});
+    ++kept_.names_;
     return std::nullopt;
   }
+  KeptRecord& record = found->second;
   record.seen = serial_;
-  return data;
+  if (record.view.isMapped()) {
+    if (std::optional<DataPair> data = RecordReader::readLiveView(record.view, record.dataLength)) return data;
+    record.view = SegmentView();
+    --kept_.count_;
+  }
+  mapNow = kept_.count_ < capacity;
+  return std::nullopt;
 }
 
-bool KeptRecords::Listing::hasRoom() const noexcept { return kept_.count_ < capacity; }
-
 void KeptRecords::Listing::keep(const std::string& name, SegmentView view) {
-  if (!view.isMapped()) return;
-  const unsigned long dataLength = RecordName(name).dataLength();
-  auto [position, added] = records_.try_emplace(name);
-  if (added) {
-    if (!hasRoom()) {
-      records_.erase(position);
-      return;
-    }
-    ++kept_.count_;
+  if (!view.isMapped() || kept_.count_ >= capacity) return;
+  const auto found = records_.find(name);
+  if (found == records_.end() || found->second.view.isMapped()) return;
+  found->second.view = std::move(view);
+  ++kept_.count_;
+}
+
+std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexcept {
+  // A sum of mixed hashes: independent of the order, and changed by a name
+  // that comes, goes or is replaced.
+  std::uint64_t digest = names.size();
+  for (const std::string& name : names) {
+    std::uint64_t h = std::hash<std::string>{}(name) + 0x9e3779b97f4a7c15ULL;
+    h = (h ^ (h >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    h = (h ^ (h >> 27)) * 0x94d049bb133111ebULL;
+    digest += h ^ (h >> 31);
   }
-  position->second = KeptRecord{std::move(view), dataLength, serial_};
+  return digest;
+}
+
+bool KeptRecords::Listing::sweepNeeded(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp,
+                                       std::uint64_t namesDigest) const {
+  const auto found = kept_.cleanSweeps_.find(trustee_ + '\0' + prefix_);
+  return found == kept_.cleanSweeps_.end() || !(found->second.stamp == stamp) ||
+         found->second.namesDigest != namesDigest;
+}
+
+void KeptRecords::Listing::swept(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp, std::uint64_t namesDigest,
+                                 bool everySegmentNamed) {
+  const std::string key = trustee_ + '\0' + prefix_;
+  if (!everySegmentNamed) {
+    kept_.cleanSweeps_.erase(key);
+    return;
+  }
+  if (kept_.cleanSweeps_.size() >= 1024) kept_.cleanSweeps_.clear();
+  kept_.cleanSweeps_[key] = CleanSweep{stamp, namesDigest};
 }
 
 void KeptRecords::Listing::finish() {
   for (auto it = records_.begin(); it != records_.end();) {
     if (it->second.seen != serial_ && it->first.compare(0, prefix_.size(), prefix_) == 0) {
+      if (it->second.view.isMapped()) --kept_.count_;
+      --kept_.names_;
       it = records_.erase(it);
-      --kept_.count_;
     } else {
       ++it;
     }

@@ -33,14 +33,24 @@ namespace {
 // left alone. A segment too short to be read as a record (cut short) goes
 // once its publisher holds it no longer. Housekeeping only: nothing found
 // here enters the result, and a segment that cannot be judged is skipped.
-// Costs one pass over the scope folder; normally no segment is left to open.
-void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::string>& listed, RecordReader& reader) {
+// Costs one pass over the scope folder; normally no segment is left to open,
+// and the pass is skipped while the folder's entries stay as they were when
+// a pass last found every segment named.
+void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::string>& listed, RecordReader& reader,
+                          KeptRecords::Listing& kept) {
+  // Nothing to look at again while no entry came to or went from the
+  // folder, and no name to or from the directory, since a sweep found every
+  // segment named.
+  const auto stamp = reader.folderStamp();
+  const std::uint64_t digest = KeptRecords::digestOf(listed);
+  if (stamp && !kept.sweepNeeded(*stamp, digest)) return;
   std::vector<std::string> segments =
       agent::spf::sharedmemory::listSegmentNames(reader.trustee(), groupPrefix(groupTag));
-  if (segments.empty()) return;
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
+  bool everySegmentNamed = true;
   for (std::string& text : segments) {
     if (named.count(text) != 0) continue;
+    everySegmentNamed = false;
     try {
       // A segment too short to be read goes once its publisher holds it no
       // longer; any other is judged as a record.
@@ -51,6 +61,7 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
       // Left for the next listing; this one's result does not depend on it.
     }
   }
+  if (stamp) kept.swept(*stamp, digest, everySegmentNamed);
 }
 
 }  // namespace
@@ -67,19 +78,20 @@ std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::se
     RecordReader& reader = operation.records(trustee);
     KeptRecords::Listing kept = KeptRecords::ofProcess().listing(trustee, groupPrefix(groupTag));
     for (const std::string& name : names) {
-      if (std::optional<DataPair> data = kept.readLive(name)) {
+      bool mapNow = false;
+      if (std::optional<DataPair> data = kept.readLive(name, mapNow)) {
         if (!data->first.empty() || !data->second.empty())
           records.push_back(ListedRecord{trustee, name, std::move(*data)});
         continue;
       }
       agent::spf::sharedmemory::SegmentView view;
-      RecordRead read = reader.read(RecordName(name), RecordJudgement::Listing, kept.hasRoom() ? &view : nullptr);
+      RecordRead read = reader.read(RecordName(name), RecordJudgement::Listing, mapNow ? &view : nullptr);
       kept.keep(name, std::move(view));
       if (read.data.first.empty() && read.data.second.empty()) continue;
       records.push_back(ListedRecord{trustee, name, std::move(read.data)});
     }
     kept.finish();
-    sweepUnlistedRecords(groupTag, names, reader);
+    sweepUnlistedRecords(groupTag, names, reader, kept);
   }
   return records;
 }

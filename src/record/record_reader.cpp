@@ -175,8 +175,17 @@ RecordRead RecordReader::read(const RecordName& name, RecordJudgement judgement,
 }
 
 std::optional<DataPair> RecordReader::readLiveView(const SegmentView& view, unsigned long dataLength) {
+  // As readLiveRecord(), with the two strings copied straight out of the
+  // mapping and the header compared again in place.
   const MappedAccess mapped;
-  return readLiveRecord(RecordBytes(view), dataLength);
+  const RecordBytes bytes(view);
+  const std::optional<RecordHeader> header = readLiveHeader(bytes);
+  if (!header || header->firstLength > dataLength || view.size() < recordDataOffset + dataLength) return std::nullopt;
+  const char* data = static_cast<const char*>(view.data()) + recordDataOffset;
+  const auto firstLength = static_cast<std::size_t>(header->firstLength);
+  DataPair pair(std::string(data, firstLength), std::string(data + firstLength, dataLength - firstLength));
+  if (std::memcmp(view.data(), &*header, sizeof *header) != 0) return std::nullopt;
+  return pair;
 }
 
 bool RecordReader::isPublished(const RecordName& name) {

@@ -71,6 +71,9 @@ class RecordReader {
 
   const std::string& trustee() const noexcept { return trustee_; }
 
+  // The stamp of the trustee's scope folder now (see ScopeFolder::stamp).
+  std::optional<agent::spf::sharedmemory::ScopeFolder::Stamp> folderStamp() const noexcept { return folder_.stamp(); }
+
   // Reads the record `name`: a live one's data pair; a stale one cleared
   // away (flag cleared, mutex destroyed, segment and directory name
   // removed). A name without a segment reads as Unreadable and keeps its

@@ -57,6 +57,13 @@ std::string recordFileOf(const std::string& tag) {
   return files.size() == 1 ? *files.begin() : std::string();
 }
 
+// Lists `tag` twice: the first listing notes the names, the second maps
+// the records. The second listing's result.
+Pairs listedTwice(const std::string& tag) {
+  (void)Endpoint::filter(tag);
+  return Endpoint::filter(tag);
+}
+
 // Waits (bounded) until `done` holds.
 template <class Condition>
 bool eventually(Condition done) {
@@ -105,6 +112,12 @@ TEST_F(KeptRecordsTest, AListingAgainOpensNoRecordThatIsStillLive) {
   auto c = publisher(tag, "c");
   testhooks::install(countOpening);
   const Pairs expected{{"a", "1"}, {"b", "1"}, {"c", "1"}};
+  // The first listing reads by name and maps nothing; the second maps.
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  EXPECT_EQ(opened.exchange(0), 3);
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
+  EXPECT_EQ(KeptRecords::ofProcess().names(), 3u);
+  for (const std::string& file : filesIn(userScope(), groupPrefix(tag))) EXPECT_FALSE(mappedHere(file)) << file;
   EXPECT_EQ(Endpoint::filter(tag), expected);
   EXPECT_EQ(opened.exchange(0), 3);
   EXPECT_EQ(KeptRecords::ofProcess().size(), 3u);
@@ -118,7 +131,7 @@ TEST_F(KeptRecordsTest, AListingAgainOpensNoRecordThatIsStillLive) {
 
 TEST_F(KeptRecordsTest, AWithdrawnRecordIsNotListedAndItsMappingGoes) {
   auto child = publisher(tag, "w");
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"w", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"w", "1"}}));
   const std::string file = recordFileOf(tag);
   ASSERT_FALSE(file.empty());
   ASSERT_TRUE(mappedHere(file));
@@ -127,13 +140,15 @@ TEST_F(KeptRecordsTest, AWithdrawnRecordIsNotListedAndItsMappingGoes) {
   EXPECT_EQ(Endpoint::filter(tag), Pairs{});
   EXPECT_FALSE(mappedHere(file));
   EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  EXPECT_EQ(KeptRecords::ofProcess().names(), 0u);  // its name left the directory
   child->tellChild("end");
   EXPECT_EQ(child->wait(), 0);
 }
 
 TEST_F(KeptRecordsTest, AKilledPublishersRecordIsClearedAwayAsByAFirstListing) {
   auto child = publisher(tag, "k");
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"k", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"k", "1"}}));
   const std::string file = recordFileOf(tag);
   ASSERT_FALSE(file.empty());
   child->kill(SIGKILL);
@@ -148,7 +163,8 @@ TEST_F(KeptRecordsTest, AKilledPublishersRecordIsClearedAwayAsByAFirstListing) {
 // withdrawn, and the new one is read (and kept) by name.
 TEST_F(KeptRecordsTest, ARecordPublishedAgainUnderItsNameIsReadAnew) {
   auto first = std::make_unique<Endpoint>(std::make_pair(std::string("again"), std::string("1")), tag);
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"again", "1"}}));
+  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
   struct stat before {};
   ASSERT_EQ(stat(userPath(recordFileOf(tag)).c_str(), &before), 0);
   first.reset();
@@ -156,7 +172,7 @@ TEST_F(KeptRecordsTest, ARecordPublishedAgainUnderItsNameIsReadAnew) {
   struct stat after {};
   ASSERT_EQ(stat(userPath(recordFileOf(tag)).c_str(), &after), 0);
   ASSERT_NE(before.st_ino, after.st_ino);
-  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));  // read by name, mapped again
   EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"again", "1"}}));
   EXPECT_EQ(KeptRecords::ofProcess().size(), 1u);
 }
@@ -166,7 +182,8 @@ TEST_F(KeptRecordsTest, ARecordPublishedAgainUnderItsNameIsReadAnew) {
 // After the publisher withdraws, the endpoint is listed no more.
 TEST_F(KeptRecordsTest, AHealedRecordIsListedOnceAndGoesWithItsWithdrawal) {
   auto child = publisher(tag, "healed");
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"healed", "1"}}));
+  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
   const std::string file = recordFileOf(tag);
   struct stat before {};
   ASSERT_EQ(stat(userPath(file).c_str(), &before), 0);
@@ -189,7 +206,8 @@ TEST_F(KeptRecordsTest, AHealedRecordIsListedOnceAndGoesWithItsWithdrawal) {
 // fault; its publisher publishes it anew and the listing finds it again.
 TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverCrashesTheListing) {
   auto child = publisher(tag, "cut");
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"cut", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"cut", "1"}}));
+  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
   const std::string path = userPath(recordFileOf(tag));
   ASSERT_EQ(truncate(path.c_str(), 0), 0);
   const Pairs during = Endpoint::filter(tag);
@@ -204,7 +222,7 @@ TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverCrashesTheListing) {
 
 TEST_F(KeptRecordsTest, AForkedChildListsThroughTheMappingsItInherits) {
   auto child = publisher(tag, "inherited");
-  ASSERT_EQ(Endpoint::filter(tag), (Pairs{{"inherited", "1"}}));
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"inherited", "1"}}));
   const std::optional<int> code = er::test::runInChild([this](ChildProcess&) {
     if (KeptRecords::ofProcess().size() != 1) return 3;
     return Endpoint::filter(tag) == Pairs{{"inherited", "1"}} ? 0 : 4;

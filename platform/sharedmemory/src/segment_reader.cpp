@@ -37,6 +37,13 @@ ScopeFolder ScopeFolder::open(const std::string& trustee) {
   return opened;
 }
 
+std::optional<ScopeFolder::Stamp> ScopeFolder::stamp() const noexcept {
+  if (!impl_) return std::nullopt;
+  struct stat st {};
+  if (fstat(impl_->folder->get(), &st) != 0) return std::nullopt;
+  return Stamp{st.st_dev, st.st_ino, st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_size};
+}
+
 SegmentReader SegmentReader::open(const std::string& name, std::size_t size, const std::string& trustee,
                                   SharedMemory::ImplementationSpecifications implementation) {
   return open(ScopeFolder(), name, size, trustee, implementation);

@@ -42,6 +42,7 @@
 #include <sys/types.h>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,22 @@ class ScopeFolder {
   // missing or refused: SegmentReader::open then reports it for each segment.
   static ScopeFolder open(const std::string& trustee);
   bool isOpen() const noexcept { return impl_ != nullptr; }
+
+  // What the folder's own status says of its entries: which folder it is,
+  // when an entry was last made or removed, and how many it has (tmpfs
+  // counts its entries in a folder's size). Equal stamps mean no entry
+  // came or went, save changes that the clock's tick could not tell apart.
+  struct Stamp {
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    long long seconds = 0;
+    long nanoseconds = 0;
+    long long size = 0;
+    bool operator==(const Stamp&) const = default;
+  };
+  // The stamp now; empty when the folder is not open or its status cannot
+  // be had. One system call.
+  std::optional<Stamp> stamp() const noexcept;
 
  private:
   friend class SegmentReader;
