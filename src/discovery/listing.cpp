@@ -3,6 +3,7 @@
 // it away, and so does the sweep below for records the directory never named.
 #include <endpointregistry/endpoint.hpp>
 
+#include <algorithm>
 #include <exception>
 #include <optional>
 #include <unordered_set>
@@ -66,9 +67,13 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
 
 }  // namespace
 
-std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::set<std::string>& trustees) {
-  std::vector<ListedRecord> records;
-  if (trustees.empty()) return records;
+namespace {
+
+// Reads the live records of `groupTag` under `trustees` and hands each to
+// `take(trustee, name, data)`, in trustee order, then in directory order.
+template <class Take>
+void readLiveRecords(const std::string& groupTag, const std::set<std::string>& trustees, const Take& take) {
+  if (trustees.empty()) return;
   RegistryOperation operation;
   for (const std::string& trustee : trustees) {
     const std::vector<std::string> names = Endpoint::Impl::filterNames(groupTag, trustee);
@@ -80,30 +85,44 @@ std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::se
     for (const std::string& name : names) {
       bool mapNow = false;
       if (std::optional<DataPair> data = kept.readLive(name, mapNow)) {
-        if (!data->first.empty() || !data->second.empty())
-          records.push_back(ListedRecord{trustee, name, std::move(*data)});
+        if (!data->first.empty() || !data->second.empty()) take(trustee, name, std::move(*data));
         continue;
       }
       agent::spf::sharedmemory::SegmentView view;
       RecordRead read = reader.read(RecordName(name), RecordJudgement::Listing, mapNow ? &view : nullptr);
       kept.keep(name, std::move(view));
       if (read.data.first.empty() && read.data.second.empty()) continue;
-      records.push_back(ListedRecord{trustee, name, std::move(read.data)});
+      take(trustee, name, std::move(read.data));
     }
     kept.finish();
     sweepUnlistedRecords(groupTag, names, reader, kept);
   }
+}
+
+}  // namespace
+
+std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::set<std::string>& trustees) {
+  std::vector<ListedRecord> records;
+  readLiveRecords(groupTag, trustees, [&records](const std::string& trustee, const std::string& name, DataPair&& data) {
+    records.push_back(ListedRecord{trustee, name, std::move(data)});
+  });
   return records;
 }
 
+DataPairs listRecordData(const std::string& groupTag, const std::set<std::string>& trustees) {
+  DataPairs pairs;
+  readLiveRecords(groupTag, trustees, [&pairs](const std::string&, const std::string&, DataPair&& data) {
+    pairs.push_back(std::move(data));
+  });
+  return pairs;
+}
+
 DataPairs Endpoint::filter(const std::string& groupTag, std::set<std::string> trustees) {
-  // The set de-duplicates (one endpoint under several trustees) and sorts.
-  std::set<std::pair<std::string, std::string>> pairs;
-  for (ListedRecord& record : listRecords(groupTag, trustees)) pairs.insert(std::move(record.data));
-  DataPairs result;
-  result.reserve(pairs.size());
-  while (!pairs.empty()) result.push_back(std::move(pairs.extract(pairs.begin()).value()));
-  return result;
+  // Sorted, and de-duplicated (one endpoint under several trustees).
+  DataPairs pairs = listRecordData(groupTag, trustees);
+  std::sort(pairs.begin(), pairs.end());
+  pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
+  return pairs;
 }
 
 DataPairs Endpoint::list(std::set<std::string> trustees) { return filter("", std::move(trustees)); }

@@ -23,4 +23,9 @@ struct ListedRecord {
 // Endpoint::filter() does; blocks on each directory's lock while reading it.
 std::vector<ListedRecord> listRecords(const std::string& groupTag, const std::set<std::string>& trustees);
 
+// The same records' data alone, in the same order: what Endpoint's
+// listings need (no names copied).
+std::vector<std::pair<std::string, std::string>> listRecordData(const std::string& groupTag,
+                                                                const std::set<std::string>& trustees);
+
 }  // namespace agent::spf::endpointregistry
