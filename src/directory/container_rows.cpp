@@ -64,6 +64,8 @@ unsigned ContainerRows::elementCount(unsigned long index) const noexcept { retur
 
 std::vector<ContainerRows::Entry> ContainerRows::list(const std::string& prefix) const {
   std::vector<Entry> entries;
+  // The row count comes from shared memory: reserved for up to a bound only.
+  entries.reserve(std::min<unsigned long>(rowCount_, 16384));
   for (unsigned long i = 0; i < rowCount_; ++i) {
     const unsigned char* current = row(i);
     const unsigned count = countOf(current);

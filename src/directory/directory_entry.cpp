@@ -45,8 +45,10 @@ DirectoryEntry::~DirectoryEntry() {
 void eraseDirectoryName(const std::string& name, const std::string& trustee) { registryDirectory(trustee).erase(name); }
 
 std::vector<std::string> listDirectoryNames(const std::string& prefix, const std::string& trustee) {
+  std::vector<NamedStringArray::Entry> entries = registryDirectory(trustee).listEntries(prefix);
   std::vector<std::string> names;
-  for (auto& entry : registryDirectory(trustee).listEntries(prefix)) {
+  names.reserve(entries.size());
+  for (auto& entry : entries) {
     if (entry.size() == 1) names.push_back(std::move(entry.front()));
   }
   return names;
