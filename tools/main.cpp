@@ -25,7 +25,15 @@ using namespace agent::spf::endpointregistry::tool;
 
 void enableVerboseDiagnostics() {
   auto admin = foundation::log::local::admin::get();
-  admin->setSink("stderr");
+  try {
+    admin->setSink("stderr");
+  } catch (const std::runtime_error& error) {
+    // The logging library's Boost.Log back end is missing or broken: the
+    // command itself does not need it.
+    std::cerr << "endpointregistry: warning: --verbose: " << error.what() << "; going on without diagnostics"
+              << std::endl;
+    return;
+  }
   admin->setChannelFilter(verboseChannelFilter);
   // Names, not bit values: "refused" lines are requests turned down (a
   // segment that is missing, say), most of them expected, not failures.

@@ -3,14 +3,13 @@
 #include <pthread.h>
 
 #include "record/record_name.hpp"
-#include "record/record_reader.hpp"
 
 namespace agent::spf::endpointregistry {
 
 KeptRecords& KeptRecords::ofProcess() {
   // Never destroyed: listings may run on other threads while the process
-  // exits. A fork waits for a listing under way to let go of the lock, so
-  // that the child gets the lock free and the records whole.
+  // exits. A fork waits for a call under way to let go of the lock, so that
+  // the child gets the lock free and the records whole.
   static KeptRecords* const kept = [] {
     auto* made = new KeptRecords;
     pthread_atfork([] { ofProcess().mutex_.lock(); }, [] { ofProcess().mutex_.unlock(); },
@@ -22,61 +21,6 @@ KeptRecords& KeptRecords::ofProcess() {
 
 KeptRecords::Listing KeptRecords::listing(const std::string& trustee, const std::string& prefix) {
   return Listing(*this, trustee, prefix);
-}
-
-void KeptRecords::clear() {
-  std::lock_guard lock(mutex_);
-  byTrustee_.clear();
-  cleanSweeps_.clear();
-  count_ = 0;
-  names_ = 0;
-}
-
-std::size_t KeptRecords::size() {
-  std::lock_guard lock(mutex_);
-  return count_;
-}
-
-std::size_t KeptRecords::names() {
-  std::lock_guard lock(mutex_);
-  return names_;
-}
-
-KeptRecords::Listing::Listing(KeptRecords& kept, const std::string& trustee, std::string prefix)
-    : lock_(kept.mutex_),
-      kept_(kept),
-      records_(kept.byTrustee_[trustee]),
-      trustee_(trustee),
-      prefix_(std::move(prefix)),
-      serial_(++kept.serial_) {}
-
-std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
-  mapNow = false;
-  auto found = records_.find(name);
-  if (found == records_.end()) {
-    // Met for the first time: noted, read by name and not mapped.
-    if (kept_.names_ >= 4 * capacity) return std::nullopt;
-    records_.emplace(name, KeptRecord{SegmentView(), RecordName(name).dataLength(), serial_});
-    ++kept_.names_;
-    return std::nullopt;
-  }
-  KeptRecord& record = found->second;
-  record.seen = serial_;
-  if (record.view.isMapped()) {
-    if (std::optional<DataPair> data = RecordReader::readLiveView(record.view, record.dataLength)) return data;
-    record.view = SegmentView();
-    --kept_.count_;
-  }
-  mapNow = kept_.count_ < capacity;
-  return std::nullopt;
-}
-
-void KeptRecords::Listing::keep(const std::string& name, SegmentView view) {
-  if (!view.isMapped() || kept_.count_ >= capacity) return;
-  const auto found = records_.find(name);
-  if (found == records_.end() || found->second.view.isMapped()) return;
-  found->second.view = std::move(view);
-  ++kept_.count_;
 }
 
 std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexcept {
@@ -92,16 +36,94 @@ std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexc
   return digest;
 }
 
-bool KeptRecords::Listing::sweepNeeded(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp,
-                                       std::uint64_t namesDigest) const {
+void KeptRecords::clear() {
+  std::lock_guard lock(mutex_);
+  // Emptied, not erased: listings under way hold references to them.
+  for (auto& [trustee, records] : byTrustee_) records.clear();
+  cleanSweeps_.clear();
+  count_ = 0;
+  names_ = 0;
+}
+
+std::size_t KeptRecords::size() {
+  std::lock_guard lock(mutex_);
+  return count_;
+}
+
+std::size_t KeptRecords::names() {
+  std::lock_guard lock(mutex_);
+  return names_;
+}
+
+namespace {
+
+std::unordered_map<std::string, KeptRecord>& recordsOf(
+    std::mutex& mutex, std::unordered_map<std::string, std::unordered_map<std::string, KeptRecord>>& byTrustee,
+    const std::string& trustee) {
+  std::lock_guard lock(mutex);
+  return byTrustee[trustee];
+}
+
+}  // namespace
+
+KeptRecords::Listing::Listing(KeptRecords& kept, const std::string& trustee, std::string prefix)
+    : kept_(kept),
+      records_(recordsOf(kept.mutex_, kept.byTrustee_, trustee)),
+      trustee_(trustee),
+      prefix_(std::move(prefix)),
+      serial_([&kept] {
+        std::lock_guard lock(kept.mutex_);
+        return ++kept.serial_;
+      }()) {}
+
+std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
+  mapNow = false;
+  std::lock_guard lock(kept_.mutex_);
+  auto found = records_.find(name);
+  if (found == records_.end()) {
+    // Met for the first time: noted, read by name and not mapped.
+    if (kept_.names_ >= 4 * capacity) return std::nullopt;
+    records_.emplace(name, KeptRecord{SegmentView(), DataPair(), RecordReader::LiveMark(), serial_});
+    ++kept_.names_;
+    return std::nullopt;
+  }
+  KeptRecord& record = found->second;
+  record.seen = serial_;
+  if (record.view.isMapped()) {
+    if (RecordReader::liveMarkIn(record.view) == record.mark) return record.data;
+    record.view = SegmentView();
+    record.data = DataPair();
+    --kept_.count_;
+  }
+  mapNow = kept_.count_ < capacity;
+  return std::nullopt;
+}
+
+void KeptRecords::Listing::keep(const std::string& name, SegmentView view, const DataPair& data) {
+  if (!view.isMapped()) return;
+  const std::optional<RecordReader::LiveMark> mark = RecordReader::liveMarkIn(view);
+  if (!mark) return;
+  DataPair copy = data;
+  std::lock_guard lock(kept_.mutex_);
+  if (kept_.count_ >= capacity) return;
+  const auto found = records_.find(name);
+  if (found == records_.end() || found->second.view.isMapped()) return;
+  found->second.view = std::move(view);
+  found->second.data = std::move(copy);
+  found->second.mark = *mark;
+  ++kept_.count_;
+}
+
+bool KeptRecords::Listing::sweepNeeded(const Stamp& stamp, std::uint64_t namesDigest) const {
+  std::lock_guard lock(kept_.mutex_);
   const auto found = kept_.cleanSweeps_.find(trustee_ + '\0' + prefix_);
   return found == kept_.cleanSweeps_.end() || !(found->second.stamp == stamp) ||
          found->second.namesDigest != namesDigest;
 }
 
-void KeptRecords::Listing::swept(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp, std::uint64_t namesDigest,
-                                 bool everySegmentNamed) {
+void KeptRecords::Listing::swept(const Stamp& stamp, std::uint64_t namesDigest, bool everySegmentNamed) {
   const std::string key = trustee_ + '\0' + prefix_;
+  std::lock_guard lock(kept_.mutex_);
   if (!everySegmentNamed) {
     kept_.cleanSweeps_.erase(key);
     return;
@@ -111,13 +133,20 @@ void KeptRecords::Listing::swept(const agent::spf::sharedmemory::ScopeFolder::St
 }
 
 void KeptRecords::Listing::finish() {
-  for (auto it = records_.begin(); it != records_.end();) {
-    if (it->second.seen != serial_ && it->first.compare(0, prefix_.size(), prefix_) == 0) {
-      if (it->second.view.isMapped()) --kept_.count_;
-      --kept_.names_;
-      it = records_.erase(it);
-    } else {
-      ++it;
+  std::vector<SegmentView> dropped;  // unmapped after the lock is let go
+  {
+    std::lock_guard lock(kept_.mutex_);
+    for (auto it = records_.begin(); it != records_.end();) {
+      if (it->second.seen != serial_ && it->first.compare(0, prefix_.size(), prefix_) == 0) {
+        if (it->second.view.isMapped()) {
+          dropped.push_back(std::move(it->second.view));
+          --kept_.count_;
+        }
+        --kept_.names_;
+        it = records_.erase(it);
+      } else {
+        ++it;
+      }
     }
   }
 }

@@ -4,6 +4,7 @@
 #include <endpointregistry/endpoint.hpp>
 
 #include <algorithm>
+#include <ctime>
 #include <exception>
 #include <optional>
 #include <unordered_set>
@@ -37,6 +38,17 @@ namespace {
 // Costs one pass over the scope folder; normally no segment is left to open,
 // and the pass is skipped while the folder's entries stay as they were when
 // a pass last found every segment named.
+// Whether the folder changed so lately that a change after this sweep could
+// keep its stamp: its modification time has the clock's coarse tick, and
+// its size stays the same when one entry comes and another goes.
+bool changedLately(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp) {
+  timespec now{};
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return true;
+  const long long sinceChange = (static_cast<long long>(now.tv_sec) - stamp.seconds) * 1'000'000'000LL +
+                                (static_cast<long long>(now.tv_nsec) - stamp.nanoseconds);
+  return sinceChange < 20'000'000LL;  // 20 ms: several ticks
+}
+
 void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::string>& listed, RecordReader& reader,
                           KeptRecords::Listing& kept) {
   // Nothing to look at again while no entry came to or went from the
@@ -45,8 +57,9 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
   const auto stamp = reader.folderStamp();
   const std::uint64_t digest = KeptRecords::digestOf(listed);
   if (stamp && !kept.sweepNeeded(*stamp, digest)) return;
+  bool complete = false;
   std::vector<std::string> segments =
-      agent::spf::sharedmemory::listSegmentNames(reader.trustee(), groupPrefix(groupTag));
+      agent::spf::sharedmemory::listSegmentNames(reader.trustee(), groupPrefix(groupTag), &complete);
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
   bool everySegmentNamed = true;
   for (std::string& text : segments) {
@@ -62,7 +75,7 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
       // Left for the next listing; this one's result does not depend on it.
     }
   }
-  if (stamp) kept.swept(*stamp, digest, everySegmentNamed);
+  if (stamp) kept.swept(*stamp, digest, complete && everySegmentNamed && !changedLately(*stamp));
 }
 
 }  // namespace
@@ -90,7 +103,7 @@ void readLiveRecords(const std::string& groupTag, const std::set<std::string>& t
       }
       agent::spf::sharedmemory::SegmentView view;
       RecordRead read = reader.read(RecordName(name), RecordJudgement::Listing, mapNow ? &view : nullptr);
-      kept.keep(name, std::move(view));
+      if (read.finding == RecordRead::Live) kept.keep(name, std::move(view), read.data);
       if (read.data.first.empty() && read.data.second.empty()) continue;
       take(trustee, name, std::move(read.data));
     }

@@ -99,6 +99,10 @@ void Endpoint::Impl::republish(bool oldIntact) {
     livenessFlagOf(fresh).exchange(0);
     return;
   }
+  // The old lock is abandoned where it lies; its flag byte is cleared all the
+  // same, so that no process that keeps the old segment mapped reads it as
+  // live.
+  livenessFlagOf(fresh).exchange(0);
   lock.abandon();
   damagedSegments().push_back(std::move(fresh));
 }

@@ -56,7 +56,7 @@ struct Watch {
   std::mutex mutex;
   int fd = -1;     // the inotify descriptor, once the watch has started
   int timer = -1;  // until then: the timer that starts it
-  int nextHandle = 0;
+  unsigned nextHandle = 0;
   std::unordered_map<int, RecordWatch> records;      // by handle
   std::unordered_map<int, Target> targets;           // by kernel watch
   std::unordered_map<std::string, int> directories;  // trustee -> watch of its base (-1: to be made)
@@ -90,10 +90,12 @@ Watch& theWatch() {
 
 void onTimer() noexcept;
 
-// True once the watch has started (or could not be started, and never
-// will). Until then the first call arms the timer that starts it (handed to
-// the primary work thread, which waits on it while it sleeps). Under the
-// watch's mutex.
+// True once the watch's descriptor is open, or when neither a timer nor a
+// descriptor could be had (nothing is then watched). Otherwise the call arms the timer
+// that starts it (handed to the primary work thread, which waits on it
+// while it sleeps, and so starts the watch when the timer is due or, if the
+// thread was not running then, when it next sleeps). Under the watch's
+// mutex.
 bool started(Watch& watch) {
   if (watch.fd >= 0) return true;
   if (watch.timer >= 0) return false;
@@ -147,6 +149,12 @@ void onTimer() noexcept {
     if (watch.timer < 0) return;
     close(watch.timer);
     watch.timer = -1;
+    if (watch.records.empty()) {
+      // Everything was withdrawn meanwhile: nothing to watch, and no watch
+      // to pay for. The next publication arms a timer again.
+      setIdleWatch(IdleWatch{});
+      return;
+    }
     watch.fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     setIdleWatch(IdleWatch{watch.fd, watch.fd >= 0 ? &onReadable : nullptr});
     if (watch.fd < 0) return;  // unwatched, as when a watch cannot be added
@@ -253,9 +261,16 @@ int watchRecord(const std::string& trustee, const std::string& name) noexcept {
     Watch& watch = theWatch();
     std::lock_guard<std::mutex> lock(watch.mutex);
     if (watch.directories.count(trustee) == 0) watchDirectoryLocked(watch, trustee);
-    const int kernelWatch = started(watch) ? addWatch(watch, trustee, name, false) : -1;
-    if (watch.fd >= 0 && kernelWatch < 0) return -1;
-    const int handle = watch.nextHandle++;
+    int kernelWatch = -1;
+    if (started(watch)) {
+      kernelWatch = addWatch(watch, trustee, name, false);
+      if (kernelWatch < 0) return -1;
+    }
+    // Handles are not negative and never two alike, also once the count wraps.
+    int handle = 0;
+    do {
+      handle = static_cast<int>(watch.nextHandle++ & 0x7fffffffU);
+    } while (watch.records.count(handle) != 0);
     watch.records.emplace(handle, RecordWatch{trustee, name, kernelWatch});
     return handle;
   } catch (...) {

@@ -7,6 +7,7 @@
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
+#include "concurrency/lock_word.hpp"
 #include "concurrency/process_probe.hpp"
 #include "concurrency/robust_lock_guard.hpp"
 #include "diagnostics/diagnostics.hpp"
@@ -162,8 +163,13 @@ RecordRead RecordReader::read(const RecordName& name, RecordJudgement judgement,
     // With `keep`, one mapping instead of two read calls: no dearer now, and
     // free to read again while it is kept.
     SegmentView view = keep != nullptr ? reader.view(*name.segmentSize()) : SegmentView();
-    std::optional<DataPair> live = view.isMapped() ? readLiveView(view, name.dataLength())
-                                                   : readLiveRecord(RecordBytes(reader), name.dataLength());
+    std::optional<DataPair> live;
+    if (view.isMapped()) {
+      const MappedAccess mapped;
+      live = readLiveRecord(RecordBytes(view), name.dataLength());
+    } else {
+      live = readLiveRecord(RecordBytes(reader), name.dataLength());
+    }
     if (live) {
       if (view.isMapped()) *keep = std::move(view);
       return {RecordRead::Live, std::move(*live)};
@@ -174,18 +180,12 @@ RecordRead RecordReader::read(const RecordName& name, RecordJudgement judgement,
   return readMappedRecord(segment, name, trustee_, judgement);
 }
 
-std::optional<DataPair> RecordReader::readLiveView(const SegmentView& view, unsigned long dataLength) {
-  // As readLiveRecord(), with the two strings copied straight out of the
-  // mapping and the header compared again in place.
+std::optional<RecordReader::LiveMark> RecordReader::liveMarkIn(const SegmentView& view) noexcept {
   const MappedAccess mapped;
-  const RecordBytes bytes(view);
-  const std::optional<RecordHeader> header = readLiveHeader(bytes);
-  if (!header || header->firstLength > dataLength || view.size() < recordDataOffset + dataLength) return std::nullopt;
-  const char* data = static_cast<const char*>(view.data()) + recordDataOffset;
-  const auto firstLength = static_cast<std::size_t>(header->firstLength);
-  DataPair pair(std::string(data, firstLength), std::string(data + firstLength, dataLength - firstLength));
-  if (std::memcmp(view.data(), &*header, sizeof *header) != 0) return std::nullopt;
-  return pair;
+  RecordHeader header;
+  if (!RecordBytes(view).read(0, &header, sizeof header)) return std::nullopt;
+  if (header.livenessFlag != 1 || !PThreadRobustLockGuard::heldInCopy(header.livenessMutex)) return std::nullopt;
+  return LiveMark{lockword::holder(lockword::of(header.livenessMutex)), header.firstLength};
 }
 
 bool RecordReader::isPublished(const RecordName& name) {

@@ -14,6 +14,7 @@
 // readers may be used from any threads.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -86,13 +87,20 @@ class RecordReader {
   RecordRead read(const RecordName& name, RecordJudgement judgement = RecordJudgement::Listing,
                   agent::spf::sharedmemory::SegmentView* keep = nullptr);
 
-  // The data of a record kept mapped (see read()) when it is still plainly
-  // live: flag set and mutex held before and after the copy, header
-  // unchanged. Empty for anything else (withdrawn, stale, being torn down,
-  // cut short), which only a read() by name may judge. No system call;
-  // never throws but std::bad_alloc.
-  static std::optional<DataPair> readLiveView(const agent::spf::sharedmemory::SegmentView& view,
-                                              unsigned long dataLength);
+  // What shows a record live in a mapping of it: its flag (exactly 1, as
+  // publishers set it), the thread id in its mutex's lock word, and its
+  // first length. Equal marks mean the same publication, still held.
+  struct LiveMark {
+    unsigned holder = 0;
+    std::uint64_t firstLength = 0;
+    bool operator==(const LiveMark&) const = default;
+  };
+
+  // The mark of the record in `view` when it shows live now (flag 1, mutex
+  // held by a thread that did not die); empty for anything else, which only
+  // a read() by name may judge. Reads the header alone, under a
+  // MappedAccess: no system call, and a header cut off reads as zeros.
+  static std::optional<LiveMark> liveMarkIn(const agent::spf::sharedmemory::SegmentView& view) noexcept;
 
   // True when the record counts as published: live, or being published or
   // withdrawn. Reclaims nothing. For duplicate detection. Throws as read().

@@ -19,6 +19,7 @@
 #include "directory/segment_names.hpp"
 #include "discovery/kept_records.hpp"
 #include "support/child_process.hpp"
+#include "support/eventually.hpp"
 #include "support/registry_cleanup.hpp"
 #include "support/shm_files.hpp"
 
@@ -26,6 +27,7 @@ namespace agent::spf::endpointregistry {
 namespace {
 
 using er::test::ChildProcess;
+using er::test::eventually;
 using er::test::fileExists;
 using er::test::filesIn;
 using er::test::RegistryCleanup;
@@ -41,15 +43,9 @@ void countOpening(const char* point) {
 }
 #endif
 
-// True when a file whose path ends in `name` (or in `name` " (deleted)") is
+// True when the record file `name` (or what is left of it once deleted) is
 // mapped into this process.
-bool mappedHere(const std::string& name) {
-  std::ifstream maps("/proc/self/maps");
-  for (std::string line; std::getline(maps, line);) {
-    if (line.find("/" + name) != std::string::npos) return true;
-  }
-  return false;
-}
+bool mappedHere(const std::string& name) { return er::test::mappedHere("/" + name); }
 
 // The one record file of `tag` in the user's scope (empty if none or more).
 std::string recordFileOf(const std::string& tag) {
@@ -62,17 +58,6 @@ std::string recordFileOf(const std::string& tag) {
 Pairs listedTwice(const std::string& tag) {
   (void)Endpoint::filter(tag);
   return Endpoint::filter(tag);
-}
-
-// Waits (bounded) until `done` holds.
-template <class Condition>
-bool eventually(Condition done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 // A child that publishes {first, "1"} under `tag`, says "live", and
@@ -213,6 +198,55 @@ TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverCrashesTheListing) {
   const Pairs during = Endpoint::filter(tag);
   EXPECT_TRUE(during.empty() || during == (Pairs{{"cut", "1"}}));
   EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"cut", "1"}}; }));
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+// Cut to its header alone, a kept record would read as zeros in its data:
+// the listing hands out the data as published, or nothing, never zeros.
+TEST_F(KeptRecordsTest, AKeptRecordCutToItsHeaderNeverListsZeros) {
+  auto child = publisher(tag, "header");
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"header", "1"}}));
+  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
+  const std::string path = userPath(recordFileOf(tag));
+  ASSERT_EQ(truncate(path.c_str(), 56), 0);
+  for (int i = 0; i < 3; ++i) {
+    const Pairs during = Endpoint::filter(tag);
+    EXPECT_TRUE(during.empty() || during == (Pairs{{"header", "1"}})) << during.size();
+  }
+  EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"header", "1"}}; }));
+  child->tellChild("go");
+  ASSERT_EQ(child->readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  child->tellChild("end");
+  EXPECT_EQ(child->wait(), 0);
+}
+
+// Another process writes a flag other than 1: the kept mapping no longer
+// answers; the publisher publishes the record anew and clears the old
+// segment's flag, and its withdrawal ends the listing of it.
+TEST_F(KeptRecordsTest, AKeptRecordWithAForeignFlagIsReadByNameAndHealed) {
+  auto child = publisher(tag, "flag");
+  ASSERT_EQ(listedTwice(tag), (Pairs{{"flag", "1"}}));
+  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
+  const std::string path = userPath(recordFileOf(tag));
+  struct stat before {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    ASSERT_TRUE(file.is_open());
+    file.seekp(0);
+    file.put(static_cast<char>(2));
+  }
+  ASSERT_TRUE(eventually([&] {
+    struct stat now {};
+    return stat(path.c_str(), &now) == 0 && now.st_ino != before.st_ino;
+  }));
+  EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"flag", "1"}}; }));
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"flag", "1"}}));
   child->tellChild("go");
   ASSERT_EQ(child->readFromChild(), "gone");
   EXPECT_EQ(Endpoint::filter(tag), Pairs{});

@@ -15,6 +15,7 @@
 
 #include "directory/segment_names.hpp"
 #include "support/child_process.hpp"
+#include "support/eventually.hpp"
 #include "support/registry_cleanup.hpp"
 #include "support/shm_files.hpp"
 
@@ -22,6 +23,7 @@ namespace agent::spf::endpointregistry {
 namespace {
 
 using er::test::ChildProcess;
+using er::test::eventually;
 using er::test::filesIn;
 using er::test::RegistryCleanup;
 using er::test::runInChild;
@@ -44,16 +46,6 @@ int inotifyDescriptors() {
   return count;
 }
 
-template <class Condition>
-bool within(std::chrono::milliseconds limit, Condition done) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 class WatchStartTest : public ::testing::Test {
  protected:
   std::string tag = uniqueName("watchStart");
@@ -68,7 +60,7 @@ TEST_F(WatchStartTest, APublisherWatchesOnlyFromFiftyMillisecondsOn) {
     if (inotifyDescriptors() != 0 && std::chrono::steady_clock::now() - published < std::chrono::milliseconds(50)) {
       return 4;
     }
-    return within(std::chrono::seconds(10), [] { return inotifyDescriptors() == 1; }) ? 0 : 5;
+    return eventually([] { return inotifyDescriptors() == 1; }) ? 0 : 5;
   });
   EXPECT_EQ(code, 0);
 }
@@ -81,14 +73,14 @@ TEST_F(WatchStartTest, DamageDoneBeforeTheWatchStartsIsHealedWhenItStarts) {
     struct stat before {};
     const std::string path = userPath(*files.begin());
     if (stat(path.c_str(), &before) != 0 || unlink(path.c_str()) != 0) return 4;
-    const bool healed = within(std::chrono::seconds(10), [&] {
+    const bool healed = eventually([&] {
       struct stat now {};
       return stat(path.c_str(), &now) == 0 && now.st_ino != before.st_ino;
     });
     if (!healed) return 5;
     // Made again, and then live again.
     const std::vector<std::pair<std::string, std::string>> expected{{"early", "1"}};
-    return within(std::chrono::seconds(10), [&] { return Endpoint::filter(tag) == expected; }) ? 0 : 6;
+    return eventually([&] { return Endpoint::filter(tag) == expected; }) ? 0 : 6;
   });
   EXPECT_EQ(code, 0);
 }

@@ -52,6 +52,7 @@ const std::vector<std::string>& libraryTestPoints() {
       "record.probing",         "record.reclaiming",
       "directory.entry.erased", "directory.initialize.claimed",
       "directory.row.written",  "directory.reorganize.created",
+      "record.opening",
   };
   return points;
 }

@@ -52,4 +52,12 @@ ShmCleanup::~ShmCleanup() {
   }
 }
 
+bool mappedHere(const std::string& part) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(part) != std::string::npos) return true;
+  }
+  return false;
+}
+
 }  // namespace er::test

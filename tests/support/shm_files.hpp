@@ -21,6 +21,10 @@ bool fileExists(const std::string& path);
 // The whole content of a file (empty if it cannot be read).
 std::vector<unsigned char> readBytes(const std::string& path);
 
+// True when a file whose path contains `part` is mapped into this process
+// (a line of /proc/self/maps names it).
+bool mappedHere(const std::string& part);
+
 // A name no other test process uses: `stem` + pid + a counter.
 std::string uniqueName(const std::string& stem);
 

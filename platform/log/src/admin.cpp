@@ -20,6 +20,13 @@ std::shared_ptr<admin> admin::get() {
 }
 
 void admin::setSink(const std::string& sink) {
+  // A malformed name is refused before anything is loaded.
+  if (sink.rfind("file:", 0) == 0 && sink.size() == 5) {
+    throw std::invalid_argument("Malformed log sink \"" + sink + "\": the file path is empty");
+  }
+  if (sink != "stdout" && sink != "stderr" && sink != "none" && sink.rfind("file:", 0) != 0) {
+    throw std::invalid_argument("Unknown log sink \"" + sink + "\": use stdout, stderr, none or file:<path>");
+  }
   // Until the back end is loaded no record is written anywhere: "none" is
   // already in force and needs no Boost.Log.
   if (sink == "none" && !detail::backEndLoaded()) return;

@@ -1,6 +1,6 @@
 // The calls between the logging library and its Boost.Log back end, a
 // module that the library loads on first need (see back_end_loader.cpp).
-// The module exports one C function, foundationLogBackEnd, that takes what
+// The module exports one C function, foundationLogBackEndV1, that takes what
 // it needs of the library (the level names) and returns the table below;
 // both sides are built from this header in one build, and the module does
 // not link the library.
@@ -31,10 +31,10 @@ const BackEnd* backEnd() noexcept;
 // True once the back end is loaded; loads nothing.
 bool backEndLoaded() noexcept;
 
-// Why the back end could not be loaded (empty when it was).
-const std::string& backEndError() noexcept;
+// Why the back end could not be loaded (empty when it was, or was not tried).
+std::string backEndError();
 
 }  // namespace foundation::log::detail
 
-extern "C" const foundation::log::detail::BackEnd* foundationLogBackEnd(
+extern "C" const foundation::log::detail::BackEnd* foundationLogBackEndV1(
     std::shared_ptr<const foundation::log::detail::LevelNames> (*levelNames)());

@@ -1,10 +1,14 @@
 // Loading the Boost.Log back end: the module FOUNDATION_LOG_BACK_END_FILE
 // (libfoundation_log_boost.so.<major>), looked for first beside this library
 // (where the build and the installation put it) and then by the dynamic
-// linker's own search. Loaded once, never unloaded: loggers and sinks live
-// until the process ends.
+// linker's own search. Its entry is versioned (foundationLogBackEndV1): a
+// module of another version of the table is not taken. Loaded once, never
+// unloaded: loggers and sinks live until the process ends. A fork waits for
+// a load under way, so that the child never inherits it half-done.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <atomic>
+#include <mutex>
 #include <string>
 
 #include <foundation/log/diagnostic_logger.hpp>
@@ -14,12 +18,24 @@
 namespace foundation::log::detail {
 namespace {
 
-struct Loaded {
-  const BackEnd* table = nullptr;
-  std::string error;
+struct Loader {
+  std::mutex mutex;
+  bool tried = false;  // under the mutex
+  std::string error;   // under the mutex, final once `tried`
+  std::atomic<const BackEnd*> table{nullptr};
 };
 
-std::atomic<bool> loaded{false};
+Loader& loader();
+
+// Never destroyed: loggers may write while the process exits.
+Loader& loader() {
+  static Loader* const instance = [] {
+    auto* made = new Loader;
+    pthread_atfork([] { loader().mutex.lock(); }, [] { loader().mutex.unlock(); }, [] { loader().mutex.unlock(); });
+    return made;
+  }();
+  return *instance;
+}
 
 // The directory of the file this library was loaded from, with its slash;
 // empty when the dynamic linker cannot say.
@@ -31,54 +47,58 @@ std::string ownDirectory() {
   return slash == std::string::npos ? std::string() : file.substr(0, slash + 1);
 }
 
-Loaded load() {
-  Loaded result;
+std::string lastError(const std::string& what) {
+  const char* why = dlerror();
+  return why != nullptr ? std::string(why) : "cannot load " + what;
+}
+
+// Loads the module; the table, or null with `error` set. Under the mutex.
+const BackEnd* load(std::string& error) {
   const std::string file = FOUNDATION_LOG_BACK_END_FILE;
   constexpr int mode = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;
   void* module = nullptr;
-  if (const std::string beside = ownDirectory(); !beside.empty()) module = dlopen((beside + file).c_str(), mode);
+  std::string besideError;
+  if (const std::string beside = ownDirectory(); !beside.empty()) {
+    module = dlopen((beside + file).c_str(), mode);
+    if (module == nullptr) besideError = lastError(beside + file);
+  }
   if (module == nullptr) module = dlopen(file.c_str(), mode);
   if (module == nullptr) {
-    const char* why = dlerror();
-    result.error = why != nullptr ? why : "cannot load " + file;
-    return result;
+    error = besideError.empty() ? lastError(file) : besideError + "; " + lastError(file);
+    return nullptr;
   }
   using Entry = const BackEnd* (*)(std::shared_ptr<const LevelNames>(*)());
-  auto entry = reinterpret_cast<Entry>(dlsym(module, "foundationLogBackEnd"));
+  auto entry = reinterpret_cast<Entry>(dlsym(module, "foundationLogBackEndV1"));
   if (entry == nullptr) {
-    result.error = file + " does not export foundationLogBackEnd";
-    return result;
+    error = file + " is not the back end of this version of the logging library";
+    return nullptr;
   }
-  result.table = entry(&levelNames);
-  loaded.store(result.table != nullptr, std::memory_order_release);
-  return result;
-}
-
-const Loaded& once() {
-  // Never destroyed: loggers may write while the process exits.
-  static const Loaded* const instance = new Loaded(load());
-  return *instance;
+  return entry(&levelNames);
 }
 
 }  // namespace
 
 const BackEnd* backEnd() noexcept {
+  Loader& l = loader();
+  if (const BackEnd* table = l.table.load(std::memory_order_acquire)) return table;
   try {
-    return once().table;
+    std::lock_guard lock(l.mutex);
+    if (!l.tried) {
+      l.tried = true;
+      l.table.store(load(l.error), std::memory_order_release);
+    }
+    return l.table.load(std::memory_order_acquire);
   } catch (...) {
     return nullptr;  // no memory for the loader's texts
   }
 }
 
-bool backEndLoaded() noexcept { return loaded.load(std::memory_order_acquire); }
+bool backEndLoaded() noexcept { return loader().table.load(std::memory_order_acquire) != nullptr; }
 
-const std::string& backEndError() noexcept {
-  static const std::string none;
-  try {
-    return once().error;
-  } catch (...) {
-    return none;
-  }
+std::string backEndError() {
+  Loader& l = loader();
+  std::lock_guard lock(l.mutex);
+  return l.error;
 }
 
 void* backEndLogger(const std::string& channel) noexcept {

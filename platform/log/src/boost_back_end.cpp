@@ -84,13 +84,11 @@ boost::shared_ptr<Sink> makeSink(const std::string& name) {
   } else if (name == "stderr") {
     backend->add_stream(boost::shared_ptr<std::ostream>(&std::cerr, boost::null_deleter()));
   } else if (name.rfind("file:", 0) == 0) {
-    std::string path = name.substr(5);
-    if (path.empty()) throw std::invalid_argument("Malformed log sink \"" + name + "\": the file path is empty");
+    // The name's syntax was checked by the library (admin.cpp).
+    const std::string path = name.substr(5);
     auto file = boost::make_shared<std::ofstream>(path, std::ios::out | std::ios::app);
     if (!*file) throw std::invalid_argument("Log sink \"" + name + "\": cannot open the file for appending");
     backend->add_stream(file);
-  } else if (name != "none") {
-    throw std::invalid_argument("Unknown log sink \"" + name + "\": use stdout, stderr, none or file:<path>");
   }
   backend->auto_flush(true);
 
@@ -162,7 +160,7 @@ const BackEnd table{&makeLogger, &accepts, &write, &setSink};
 }  // namespace foundation::log::detail
 
 // Called once, by the loader.
-extern "C" __attribute__((visibility("default"))) const foundation::log::detail::BackEnd* foundationLogBackEnd(
+extern "C" __attribute__((visibility("default"))) const foundation::log::detail::BackEnd* foundationLogBackEndV1(
     std::shared_ptr<const foundation::log::detail::LevelNames> (*levelNames)()) {
   using namespace foundation::log::detail;
   if (instance == nullptr) {

@@ -58,8 +58,9 @@ Outcome readNames(int folder, const std::string& prefix, std::vector<std::string
 
 }  // namespace
 
-std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix) {
+std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix, bool* complete) {
   std::vector<std::string> names;
+  if (complete != nullptr) *complete = false;
   try {
     Scope scope;
     Outcome outcome = detail::resolveScope(trustee, scope);
@@ -69,11 +70,16 @@ std::vector<std::string> listSegmentNames(const std::string& trustee, const std:
     }
     UniqueFd folder;
     outcome = detail::openScopeFolder(scope, false, folder);
-    if (outcome.problem == Problem::ScopeMissing) return names;
+    if (outcome.problem == Problem::ScopeMissing) {
+      if (complete != nullptr) *complete = true;
+      return names;
+    }
     if (outcome.ok()) outcome = readNames(folder.get(), prefix, names);
     if (!outcome.ok()) {
       logListingFailure(scope.path, outcome);
       names.clear();
+    } else if (complete != nullptr) {
+      *complete = true;
     }
   } catch (...) {
     // Only memory for names and texts can run out here.

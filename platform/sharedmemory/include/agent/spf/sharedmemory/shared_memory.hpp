@@ -298,7 +298,10 @@ SegmentPresence segmentPresence(const std::string& trustee, const std::string& n
 // particular order: every regular file of the trustee's scope folder, whether
 // or not find() would accept it. Empty when the scope folder is missing (not
 // logged) or cannot be read (logged like find()). Never throws. Costs one
-// pass over the scope folder.
-std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix);
+// pass over the scope folder. With `complete`, *complete tells whether the
+// answer is whole (false when the folder could not be read, or memory ran
+// out; a missing folder has no segments, and is whole).
+std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix,
+                                          bool* complete = nullptr);
 
 }  // namespace agent::spf::sharedmemory
