@@ -1,7 +1,8 @@
 # The Debian package: the three libraries and the logging library's Boost.Log
 # back end, the public headers, the CMake package and pkg-config files, the
-# command-line tool and, when it is built, the Python package (in /usr/lib/python3/dist-packages, for the python3 it
-# was built for), in one package.
+# command-line tool and, when it is built, the Python package (in
+# /usr/lib/python3/dist-packages, for the python3 it was built for), in one
+# package.
 #
 #   cmake -S . -B build/package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr
 #   cmake --build build/package && (cd build/package && cpack -G DEB)
