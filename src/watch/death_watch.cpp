@@ -1,14 +1,17 @@
 #include "watch/death_watch.hpp"
 
 #include <linux/futex.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
@@ -26,6 +29,10 @@ struct DeathWatch::Waiter {
   std::atomic<bool> quit{false};
   // The thread was woken by one of its words and waits for new ones.
   std::atomic<bool> parked{false};
+  // The last control value for which the thread took its words (and then
+  // waits without allocating); `notYet` before its first.
+  static constexpr std::uint32_t notYet = ~std::uint32_t{0};
+  std::atomic<std::uint32_t> taken{notYet};
   int notifyFd = -1;
   pthread_t thread{};
 };
@@ -89,6 +96,7 @@ void* runWaiter(void* argument) {
       }
     }
     if (waiter->quit.load(std::memory_order_acquire)) return nullptr;
+    waiter->taken.store(generation, std::memory_order_release);
     futex_waitv control{};
     control.val = generation;
     control.uaddr = reinterpret_cast<std::uintptr_t>(&waiter->control);
@@ -147,15 +155,30 @@ void DeathWatch::stop(Waiter& waiter) noexcept {
   pthread_join(waiter.thread, nullptr);
 }
 
-void DeathWatch::assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected) {
+std::uint32_t DeathWatch::assign(Waiter& waiter, std::vector<std::uint32_t*> words,
+                                 std::vector<std::uint32_t> expected) {
+  std::uint32_t generation = 0;
   {
     std::lock_guard<std::mutex> lock(waiter.mutex);
     waiter.words = std::move(words);
     waiter.expected = std::move(expected);
     waiter.parked.store(false, std::memory_order_release);
-    waiter.control.fetch_add(1, std::memory_order_acq_rel);
+    generation = waiter.control.fetch_add(1, std::memory_order_acq_rel) + 1;
   }
   wakeControl(waiter.control);
+  return generation;
+}
+
+void DeathWatch::awaitTaken(const Waiter& waiter, std::uint32_t generation) noexcept {
+  // Bounded: a thread that is not scheduled within it takes its words later
+  // all the same.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+  for (;;) {
+    const std::uint32_t taken = waiter.taken.load(std::memory_order_acquire);
+    if (taken != Waiter::notYet && static_cast<std::int32_t>(taken - generation) >= 0) return;
+    if (std::chrono::steady_clock::now() > deadline) return;
+    sched_yield();
+  }
 }
 
 void DeathWatch::notify() const noexcept { tell(notifyFd); }
@@ -204,15 +227,22 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
     chunkValues.assign(values.begin() + static_cast<long>(next), values.begin() + static_cast<long>(last));
     next = last;
   };
+  // Each thread given words is awaited until it has taken them: its copies
+  // are made (allocated) before watch() returns, not while the caller goes
+  // on (a fork then, say, which would copy an allocator in use).
+  std::vector<std::pair<Waiter*, std::uint32_t>> assigned;
   for (Waiter* waiter : free) {
     std::vector<std::uint32_t*> chunk;
     std::vector<std::uint32_t> chunkValues;
     take(chunk, chunkValues);
     // A free thread without new words is given none, unless it has none.
     if (chunk.empty() && waiter->words.empty()) continue;
-    assign(*waiter, std::move(chunk), std::move(chunkValues));
+    assigned.emplace_back(waiter, assign(*waiter, std::move(chunk), std::move(chunkValues)));
   }
-  if (next >= pending.size()) return;
+  if (next >= pending.size()) {
+    for (const auto& [waiter, generation] : assigned) awaitTaken(*waiter, generation);
+    return;
+  }
 
   // New threads get no signals: the process's handlers run on its own threads.
   sigset_t all;
@@ -228,10 +258,14 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
     waiter->notifyFd = notifyFd;
     take(waiter->words, waiter->expected);
     failure = pthread_create(&waiter->thread, &attributes, &runWaiter, waiter.get());
-    if (failure == 0) waiters.push_back(std::move(waiter));
+    if (failure == 0) {
+      assigned.emplace_back(waiter.get(), 0);
+      waiters.push_back(std::move(waiter));
+    }
   }
   pthread_attr_destroy(&attributes);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  for (const auto& [waiter, generation] : assigned) awaitTaken(*waiter, generation);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), "pthread_create");
 }
 
