@@ -259,12 +259,20 @@ void onReadable() noexcept {
 int watchRecord(const std::string& trustee, const std::string& name) noexcept {
   try {
     Watch& watch = theWatch();
-    std::lock_guard<std::mutex> lock(watch.mutex);
+    std::unique_lock<std::mutex> lock(watch.mutex);
     if (watch.directories.count(trustee) == 0) watchDirectoryLocked(watch, trustee);
     int kernelWatch = -1;
     if (started(watch)) {
+      errno = 0;
       kernelWatch = addWatch(watch, trustee, name, false);
-      if (kernelWatch < 0) return -1;
+      if (kernelWatch < 0) {
+        // Gone already (another process removed it between its publication
+        // and this watch): no event will tell, so the healer looks now.
+        const bool missing = errno == ENOENT;
+        lock.unlock();
+        if (missing) requestHealing({trustee}, false);
+        return -1;
+      }
     }
     // Handles are not negative and never two alike, also once the count wraps.
     int handle = 0;
