@@ -85,7 +85,8 @@ void* runWaiter(void* argument) {
     {
       std::lock_guard<std::mutex> lock(waiter->mutex);
       generation = waiter->control.load(std::memory_order_acquire);
-      words = waiter->words;
+      // Into the room the vectors have: once grown, no allocation.
+      words.assign(waiter->words.begin(), waiter->words.end());
       waits.clear();
       for (std::size_t i = 0; i < words.size(); ++i) {
         futex_waitv wait{};
@@ -155,18 +156,15 @@ void DeathWatch::stop(Waiter& waiter) noexcept {
   pthread_join(waiter.thread, nullptr);
 }
 
-std::uint32_t DeathWatch::assign(Waiter& waiter, std::vector<std::uint32_t*> words,
-                                 std::vector<std::uint32_t> expected) {
-  std::uint32_t generation = 0;
+void DeathWatch::assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected) {
   {
     std::lock_guard<std::mutex> lock(waiter.mutex);
     waiter.words = std::move(words);
     waiter.expected = std::move(expected);
     waiter.parked.store(false, std::memory_order_release);
-    generation = waiter.control.fetch_add(1, std::memory_order_acq_rel) + 1;
+    waiter.control.fetch_add(1, std::memory_order_acq_rel);
   }
   wakeControl(waiter.control);
-  return generation;
 }
 
 void DeathWatch::awaitTaken(const Waiter& waiter, std::uint32_t generation) noexcept {
@@ -227,22 +225,15 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
     chunkValues.assign(values.begin() + static_cast<long>(next), values.begin() + static_cast<long>(last));
     next = last;
   };
-  // Each thread given words is awaited until it has taken them: its copies
-  // are made (allocated) before watch() returns, not while the caller goes
-  // on (a fork then, say, which would copy an allocator in use).
-  std::vector<std::pair<Waiter*, std::uint32_t>> assigned;
   for (Waiter* waiter : free) {
     std::vector<std::uint32_t*> chunk;
     std::vector<std::uint32_t> chunkValues;
     take(chunk, chunkValues);
     // A free thread without new words is given none, unless it has none.
     if (chunk.empty() && waiter->words.empty()) continue;
-    assigned.emplace_back(waiter, assign(*waiter, std::move(chunk), std::move(chunkValues)));
+    assign(*waiter, std::move(chunk), std::move(chunkValues));
   }
-  if (next >= pending.size()) {
-    for (const auto& [waiter, generation] : assigned) awaitTaken(*waiter, generation);
-    return;
-  }
+  if (next >= pending.size()) return;
 
   // New threads get no signals: the process's handlers run on its own threads.
   sigset_t all;
@@ -253,19 +244,22 @@ void DeathWatch::watch(const std::vector<std::uint32_t*>& words) {
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, waiterStackBytes);
   int failure = 0;
+  const std::size_t started = waiters.size();
   while (next < pending.size() && failure == 0) {
     auto waiter = std::make_unique<Waiter>();
     waiter->notifyFd = notifyFd;
     take(waiter->words, waiter->expected);
     failure = pthread_create(&waiter->thread, &attributes, &runWaiter, waiter.get());
-    if (failure == 0) {
-      assigned.emplace_back(waiter.get(), 0);
-      waiters.push_back(std::move(waiter));
-    }
+    if (failure == 0) waiters.push_back(std::move(waiter));
   }
   pthread_attr_destroy(&attributes);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  for (const auto& [waiter, generation] : assigned) awaitTaken(*waiter, generation);
+  // A new thread is awaited until it has taken its words: it sets itself up
+  // and makes its copies (allocating) before watch() returns, not while the
+  // caller goes on (a fork then would copy an allocator in use where the
+  // allocator has no fork handling, as under ASan). An assigned thread
+  // copies into the room it has, and is not awaited.
+  for (std::size_t i = started; i < waiters.size(); ++i) awaitTaken(*waiters[i], 0);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), "pthread_create");
 }
 

@@ -65,8 +65,7 @@ class DeathWatch {
 
  private:
   void stop(Waiter& waiter) noexcept;
-  // Gives the thread new words; the control value that it takes them under.
-  static std::uint32_t assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected);
+  static void assign(Waiter& waiter, std::vector<std::uint32_t*> words, std::vector<std::uint32_t> expected);
   // Waits (100 ms at most) until the thread has taken the words of `generation`.
   static void awaitTaken(const Waiter& waiter, std::uint32_t generation) noexcept;
   void notify() const noexcept;
