@@ -75,6 +75,16 @@ std::unique_ptr<ChildProcess> publisher(const std::string& tag, const std::strin
   return child;
 }
 
+// Tells the publisher to withdraw, checks that a listing no longer shows
+// its endpoint, and lets it end.
+void withdrawAndExpectGone(ChildProcess& child, const std::string& tag) {
+  child.tellChild("go");
+  ASSERT_EQ(child.readFromChild(), "gone");
+  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  child.tellChild("end");
+  EXPECT_EQ(child.wait(), 0);
+}
+
 class KeptRecordsTest : public ::testing::Test {
  protected:
   void SetUp() override { KeptRecords::ofProcess().clear(); }
@@ -179,50 +189,28 @@ TEST_F(KeptRecordsTest, AHealedRecordIsListedOnceAndGoesWithItsWithdrawal) {
   }));
   EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
   EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"healed", "1"}}));
-  child->tellChild("go");
-  ASSERT_EQ(child->readFromChild(), "gone");
-  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
+  withdrawAndExpectGone(*child, tag);
   EXPECT_EQ(KeptRecords::ofProcess().size(), 0u);
-  child->tellChild("end");
-  EXPECT_EQ(child->wait(), 0);
 }
 
-// A kept record cut to nothing reads as zeros in the mapping, never as a
-// fault; its publisher publishes it anew and the listing finds it again.
-TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverCrashesTheListing) {
-  auto child = publisher(tag, "cut");
-  ASSERT_EQ(listedTwice(tag), (Pairs{{"cut", "1"}}));
-  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
-  const std::string path = userPath(recordFileOf(tag));
-  ASSERT_EQ(truncate(path.c_str(), 0), 0);
-  const Pairs during = Endpoint::filter(tag);
-  EXPECT_TRUE(during.empty() || during == (Pairs{{"cut", "1"}}));
-  EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"cut", "1"}}; }));
-  child->tellChild("go");
-  ASSERT_EQ(child->readFromChild(), "gone");
-  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
-  child->tellChild("end");
-  EXPECT_EQ(child->wait(), 0);
-}
-
-// Cut to its header alone, a kept record would read as zeros in its data:
-// the listing hands out the data as published, or nothing, never zeros.
-TEST_F(KeptRecordsTest, AKeptRecordCutToItsHeaderNeverListsZeros) {
-  auto child = publisher(tag, "header");
-  ASSERT_EQ(listedTwice(tag), (Pairs{{"header", "1"}}));
-  ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
-  const std::string path = userPath(recordFileOf(tag));
-  ASSERT_EQ(truncate(path.c_str(), 56), 0);
-  for (int i = 0; i < 3; ++i) {
-    const Pairs during = Endpoint::filter(tag);
-    EXPECT_TRUE(during.empty() || during == (Pairs{{"header", "1"}})) << during.size();
+// A kept record cut to nothing, or to its header alone (its data would
+// then read as zeros), never makes a listing fault or list zeros: it lists
+// the data as published, or nothing, until the publisher publishes it anew.
+TEST_F(KeptRecordsTest, AKeptRecordCutShortNeverFaultsNorListsZeros) {
+  for (const off_t length : {off_t{0}, off_t{56}}) {
+    SCOPED_TRACE(length);
+    KeptRecords::ofProcess().clear();
+    auto child = publisher(tag, "cut");
+    ASSERT_EQ(listedTwice(tag), (Pairs{{"cut", "1"}}));
+    ASSERT_EQ(KeptRecords::ofProcess().size(), 1u);
+    ASSERT_EQ(truncate(userPath(recordFileOf(tag)).c_str(), length), 0);
+    for (int i = 0; i < 3; ++i) {
+      const Pairs during = Endpoint::filter(tag);
+      EXPECT_TRUE(during.empty() || during == (Pairs{{"cut", "1"}})) << during.size();
+    }
+    EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"cut", "1"}}; }));
+    withdrawAndExpectGone(*child, tag);
   }
-  EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"header", "1"}}; }));
-  child->tellChild("go");
-  ASSERT_EQ(child->readFromChild(), "gone");
-  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
-  child->tellChild("end");
-  EXPECT_EQ(child->wait(), 0);
 }
 
 // Another process writes a flag other than 1: the kept mapping no longer
@@ -247,11 +235,7 @@ TEST_F(KeptRecordsTest, AKeptRecordWithAForeignFlagIsReadByNameAndHealed) {
   }));
   EXPECT_TRUE(eventually([&] { return Endpoint::filter(tag) == Pairs{{"flag", "1"}}; }));
   EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"flag", "1"}}));
-  child->tellChild("go");
-  ASSERT_EQ(child->readFromChild(), "gone");
-  EXPECT_EQ(Endpoint::filter(tag), Pairs{});
-  child->tellChild("end");
-  EXPECT_EQ(child->wait(), 0);
+  withdrawAndExpectGone(*child, tag);
 }
 
 TEST_F(KeptRecordsTest, AForkedChildListsThroughTheMappingsItInherits) {
