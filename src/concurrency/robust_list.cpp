@@ -13,6 +13,7 @@
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
 #include "concurrency/lock_word.hpp"
+#include "diagnostics/test_hooks.hpp"
 
 namespace agent::spf::endpointregistry::robustlist {
 namespace {
@@ -129,6 +130,15 @@ void unlink(void* newer, void* older) noexcept {
   head->listOpPending = nullptr;
 }
 
+// True while the mutex between `newer` and `older` is still linked between
+// them: either neighbour still points at it.
+bool stillLinked(pthread_mutex_t* mutex, void* newer, void* older) noexcept {
+  KernelHead* head = threadHead();
+  void* const afterNewer = newer == head ? head->list : *static_cast<void**>(newer);
+  void* const beforeOlder = older == head ? *headPrev(head) : *prevFieldOf(older);
+  return afterNewer == linkOf(mutex) || beforeOlder == linkOf(mutex);
+}
+
 // Lets go of a damaged mutex's lock word, if it still shows this thread as
 // its holder, and wakes whoever waits for it: its segment was cut or
 // overwritten, but others may still wait on what is left of it, and would
@@ -184,9 +194,20 @@ int unlockHeld(pthread_mutex_t* mutex, int kind, void* newer, void* older, bool*
     if (dropped != nullptr) *dropped = true;
     return dropDamaged(mutex, newer, older);
   }
+  ER_TEST_HOOK("robust.unlocking");
   faultEscape = &escape;
   const int result = pthread_mutex_unlock(mutex);
   faultEscape = nullptr;
+  // Cut or overwritten after the check, before glibc read it: glibc then
+  // took it for a mutex of another kind (unlocked as one that sits in no
+  // list), refused it (EINVAL for a destroyed one, EPERM for a lock word that
+  // no longer names this thread), and left it in this thread's list. Left
+  // there, the next lock on this thread would write into its bytes, perhaps
+  // after its segment was unmapped.
+  if (stillLinked(mutex, newer, older)) {
+    if (dropped != nullptr) *dropped = true;
+    return dropDamaged(mutex, newer, older);
+  }
   return result;
 }
 

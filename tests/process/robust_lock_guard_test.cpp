@@ -17,10 +17,13 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "concurrency/robust_list.hpp"
+#include "diagnostics/test_hooks.hpp"
 #include "support/child_process.hpp"
 #include "support/log_capture.hpp"
 
@@ -467,6 +470,76 @@ TEST(RobustLockGuardTest, LastingLocksBeyondALanesRoomGoToFurtherThreads) {
   guards.clear();
   EXPECT_EQ(threadCount(), threadsBefore);
   for (const auto& mutex : mutexes) EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex->get()), 0);
+}
+
+namespace {
+
+// What another process does to a held mutex's bytes.
+enum class Damage { Destroyed, Cut, LockWordCleared };
+
+pthread_mutex_t* damagedOnUnlock = nullptr;
+Damage damageOnUnlock = Damage::Cut;
+
+// Damages the mutex right after the unlock found it intact.
+void damageAsItIsUnlocked(const char* point) {
+  if (std::strcmp(point, "robust.unlocking") != 0 || damagedOnUnlock == nullptr) return;
+  pthread_mutex_t* const mutex = std::exchange(damagedOnUnlock, nullptr);
+  switch (damageOnUnlock) {
+    case Damage::Destroyed:
+      pthread_mutex_destroy(mutex);  // as a reclaiming reader does
+      break;
+    case Damage::Cut:
+      std::memset(static_cast<void*>(mutex), 0, sizeof *mutex);  // a page of the segment cut off and zeroed
+      break;
+    case Damage::LockWordCleared:
+      std::memset(static_cast<void*>(&mutex->__data.__lock), 0, sizeof mutex->__data.__lock);
+      break;
+  }
+}
+
+// In a forked child: a guard's mutex damaged as its work thread unlocks it,
+// then unmapped; the same work thread then locks another mutex. Exit codes:
+// 0 when that works and the thread's list no longer holds the damaged one.
+int unlockDamagedThenLockAgain(Damage damage) {
+  const WorkThreadGuard lane = WorkThreadGuard::holdThread();
+  const long page = sysconf(_SC_PAGESIZE);
+  void* memory =
+      mmap(nullptr, static_cast<std::size_t>(page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return 2;
+  auto* mutex = static_cast<pthread_mutex_t*>(memory);
+  PThreadRobustLockGuard::initializeMutex(mutex);
+  std::optional<PThreadRobustLockGuard> guard(std::in_place, mutex);
+  if (guard->lane() != lane.queue().get()) return 3;
+  damagedOnUnlock = mutex;
+  damageOnUnlock = damage;
+  registry::testhooks::install(damageAsItIsUnlocked);
+  guard.reset();
+  registry::testhooks::install(nullptr);
+  if (damagedOnUnlock != nullptr) return 4;  // the point was never reached
+  int listEmpty = 0;
+  WorkThreadGuard::executeAndSet(
+      [] { return registry::robustlist::firstLink() == registry::robustlist::headLink() ? 1 : 0; }, listEmpty);
+  if (listEmpty != 1) return 5;
+  munmap(memory, static_cast<std::size_t>(page));
+  SharedMutex other;
+  { const PThreadRobustLockGuard again(other.get()); }
+  return PThreadRobustLockGuard::getMutexState(other.get()) == 0 ? 0 : 6;
+}
+
+}  // namespace
+
+// Another process destroys, cuts or clears a held mutex after its holder's
+// unlock found it intact but before glibc read it: glibc then leaves it in
+// the work thread's list of robust mutexes (it unlocks it as a plain mutex,
+// or refuses it). It is taken out all the same, so the thread's next lock
+// does not write into the memory it lay in.
+TEST(RobustLockGuardTest, AMutexDamagedAsItIsUnlockedLeavesTheThreadsList) {
+  for (Damage damage : {Damage::Destroyed, Damage::Cut, Damage::LockWordCleared}) {
+    EXPECT_EQ(
+        er::test::runInChild([damage](er::test::ChildProcess&) { return unlockDamagedThenLockAgain(damage); }, 30s),
+        std::optional<int>(0))
+        << "damage " << static_cast<int>(damage);
+  }
 }
 
 #endif
