@@ -172,6 +172,30 @@ void* firstLink() noexcept {
   return head == nullptr ? nullptr : head->list;
 }
 
+bool lockedFirst(pthread_mutex_t* mutex) noexcept {
+  if (!layoutUnderstood()) return true;
+  return firstLink() == linkOf(mutex);
+}
+
+void releaseUnlisted(pthread_mutex_t* mutex) noexcept {
+  const agent::spf::sharedmemory::MappedAccess mapped;
+  auto* word = reinterpret_cast<unsigned*>(&mutex->__data.__lock);
+  unsigned seen = __atomic_load_n(word, __ATOMIC_ACQUIRE);
+  if (lockword::holder(seen) == static_cast<unsigned>(gettid())) {
+    releaseLockWord(mutex);
+    return;
+  }
+  // Locked as a plain mutex: 1, or 2 with waiters, and this thread as its
+  // owner. Its waiters may wait as threads of this process or of others.
+  const int owner = std::atomic_ref<int>(mutex->__data.__owner).load(std::memory_order_relaxed);
+  if (owner != gettid() || (seen != 1 && seen != 2)) return;
+  if (!__atomic_compare_exchange_n(word, &seen, 0u, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) return;
+  if (seen == 2) {
+    syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+  }
+}
+
 int unlockHeld(pthread_mutex_t* mutex, int kind, void* newer, void* older, bool* dropped) noexcept {
   if (dropped != nullptr) *dropped = false;
   if (!layoutUnderstood()) return pthread_mutex_unlock(mutex);

@@ -39,6 +39,18 @@ void* firstLink() noexcept;
 // The link that points at `mutex`.
 inline void* linkOf(pthread_mutex_t* mutex) noexcept { return &mutex->__data.__list.__next; }
 
+// True when `mutex`, just locked by the calling thread, went first in its
+// list, as glibc puts every robust mutex it locks (also true where the
+// layout is not understood, when this cannot be told). False for a mutex
+// that glibc locked as one of another kind: another process cut or
+// overwrote it after its kind was checked.
+bool lockedFirst(pthread_mutex_t* mutex) noexcept;
+
+// Lets go of a mutex that the calling thread locked but that is in none of
+// its lists (lockedFirst() was false): its lock word is cleared if it names
+// this thread, and its waiters are woken. Its other bytes are left alone.
+void releaseUnlisted(pthread_mutex_t* mutex) noexcept;
+
 // Unlocks `mutex`, which the calling thread holds as a robust mutex of kind
 // word `kind` (as it was when it was locked), and which sits in its list
 // between the links `newer` (the next newer mutex's link, or headLink() when

@@ -19,6 +19,7 @@
 
 #include "concurrency/robust_list.hpp"
 #include "diagnostics/diagnostics.hpp"
+#include "diagnostics/test_hooks.hpp"
 
 namespace agent::spf::endpointregistry {
 
@@ -126,7 +127,15 @@ WorkThreadGuard PThreadRobustLockGuard::Impl::getLockedMutexThread(LockTerm term
   // locked for ever.
   auto lockJob = [this] {
     if (!hasOwnKind(mutexPtr)) return EINVAL;
+    ER_TEST_HOOK("robust.locking");
     int result = lockWithin(mutexPtr, lockWaitSlice);
+    if ((result == 0 || result == EOWNERDEAD) && !robustlist::lockedFirst(mutexPtr)) {
+      // Cut or overwritten after its kind was checked: glibc locked it as a
+      // mutex of another kind, in no list, which a dead holder would leave
+      // locked for ever. Let go of at once and refused for its kind.
+      robustlist::releaseUnlisted(mutexPtr);
+      return EINVAL;
+    }
     if (result == EOWNERDEAD) {
       result = pthread_mutex_consistent(mutexPtr);
       if (result != 0) {

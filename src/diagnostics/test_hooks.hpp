@@ -15,6 +15,7 @@
 //   "directory.initialize.claimed"   base claimed, not yet initialised
 //   "directory.reorganize.created"   new container filled, slot not yet flipped
 //   "directory.row.written"     row strings written, count byte not yet
+//   "robust.locking"            a robust mutex's kind checked, not yet locked
 //   "robust.unlocking"          a held robust mutex checked intact, not yet unlocked
 #pragma once
 

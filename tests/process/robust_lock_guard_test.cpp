@@ -480,11 +480,11 @@ enum class Damage { Destroyed, Cut, LockWordCleared };
 pthread_mutex_t* damagedOnUnlock = nullptr;
 Damage damageOnUnlock = Damage::Cut;
 
-// Damages the mutex right after the unlock found it intact.
-void damageAsItIsUnlocked(const char* point) {
-  if (std::strcmp(point, "robust.unlocking") != 0 || damagedOnUnlock == nullptr) return;
-  pthread_mutex_t* const mutex = std::exchange(damagedOnUnlock, nullptr);
-  switch (damageOnUnlock) {
+pthread_mutex_t* damagedOnLock = nullptr;
+Damage damageOnLock = Damage::Cut;
+
+void inflict(pthread_mutex_t* mutex, Damage how) {
+  switch (how) {
     case Damage::Destroyed:
       pthread_mutex_destroy(mutex);  // as a reclaiming reader does
       break;
@@ -495,6 +495,18 @@ void damageAsItIsUnlocked(const char* point) {
       std::memset(static_cast<void*>(&mutex->__data.__lock), 0, sizeof mutex->__data.__lock);
       break;
   }
+}
+
+// Damages the mutex right after its kind was checked for a lock.
+void damageAsItIsLocked(const char* point) {
+  if (std::strcmp(point, "robust.locking") != 0 || damagedOnLock == nullptr) return;
+  inflict(std::exchange(damagedOnLock, nullptr), damageOnLock);
+}
+
+// Damages the mutex right after the unlock found it intact.
+void damageAsItIsUnlocked(const char* point) {
+  if (std::strcmp(point, "robust.unlocking") != 0 || damagedOnUnlock == nullptr) return;
+  inflict(std::exchange(damagedOnUnlock, nullptr), damageOnUnlock);
 }
 
 // In a forked child: a guard's mutex damaged as its work thread unlocks it,
@@ -539,6 +551,42 @@ TEST(RobustLockGuardTest, AMutexDamagedAsItIsUnlockedLeavesTheThreadsList) {
         er::test::runInChild([damage](er::test::ChildProcess&) { return unlockDamagedThenLockAgain(damage); }, 30s),
         std::optional<int>(0))
         << "damage " << static_cast<int>(damage);
+  }
+}
+
+// Cut to zeros (or destroyed) by another process after its kind was
+// checked, before glibc read it: glibc locks it as a plain mutex, in no
+// list. The guard lets go of it at once and refuses it for its kind; the
+// work thread's list stays as it was.
+TEST(RobustLockGuardTest, AMutexDamagedAsItIsLockedIsLetGoAndRefused) {
+  for (Damage damage : {Damage::Cut, Damage::Destroyed}) {
+    const auto code = er::test::runInChild(
+        [damage](er::test::ChildProcess&) {
+          const WorkThreadGuard lane = WorkThreadGuard::holdThread();
+          SharedMutex held;
+          const PThreadRobustLockGuard first(held.get());
+          SharedMutex cut;
+          damagedOnLock = cut.get();
+          damageOnLock = damage;
+          registry::testhooks::install(damageAsItIsLocked);
+          int refusal = 0;
+          try {
+            const PThreadRobustLockGuard refused(cut.get());
+          } catch (const std::runtime_error& error) {
+            refusal = std::string(error.what()).find("(Error 22)") != std::string::npos ? 1 : 2;
+          }
+          registry::testhooks::install(nullptr);
+          if (damagedOnLock != nullptr) return 3;  // the point was never reached
+          if (refusal != 1) return 4;
+          if (cut.get()->__data.__lock != 0) return 5;  // let go of
+          int firstListed = 0;
+          WorkThreadGuard::executeAndSet(
+              [&held] { return registry::robustlist::firstLink() == registry::robustlist::linkOf(held.get()) ? 1 : 0; },
+              firstListed);
+          return firstListed == 1 ? 0 : 6;
+        },
+        30s);
+    EXPECT_EQ(code, std::optional<int>(0)) << "damage " << static_cast<int>(damage);
   }
 }
 
