@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -486,7 +487,10 @@ Damage damageOnLock = Damage::Cut;
 void inflict(pthread_mutex_t* mutex, Damage how) {
   switch (how) {
     case Damage::Destroyed:
-      pthread_mutex_destroy(mutex);  // as a reclaiming reader does
+      // What pthread_mutex_destroy leaves, written as another process (a
+      // reclaiming reader) would write it: ThreadSanitizer would report a
+      // destroy of a mutex that this process holds.
+      std::atomic_ref<int>(mutex->__data.__kind).store(-1, std::memory_order_relaxed);
       break;
     case Damage::Cut:
       std::memset(static_cast<void*>(mutex), 0, sizeof *mutex);  // a page of the segment cut off and zeroed
@@ -546,7 +550,14 @@ int unlockDamagedThenLockAgain(Damage damage) {
 // or refuses it). It is taken out all the same, so the thread's next lock
 // does not write into the memory it lay in.
 TEST(RobustLockGuardTest, AMutexDamagedAsItIsUnlockedLeavesTheThreadsList) {
-  for (Damage damage : {Damage::Destroyed, Damage::Cut, Damage::LockWordCleared}) {
+#if defined(__SANITIZE_THREAD__)
+  // ThreadSanitizer reports glibc's refusal of a destroyed mutex (EINVAL)
+  // as the use of an invalid mutex; the other two damages it follows.
+  const auto damages = {Damage::Cut, Damage::LockWordCleared};
+#else
+  const auto damages = {Damage::Destroyed, Damage::Cut, Damage::LockWordCleared};
+#endif
+  for (Damage damage : damages) {
     EXPECT_EQ(
         er::test::runInChild([damage](er::test::ChildProcess&) { return unlockDamagedThenLockAgain(damage); }, 30s),
         std::optional<int>(0))
