@@ -26,9 +26,8 @@ DiagnosticLogger& mainLogger();
 // "detail::agent::spf::endpointregistry::endpointmoveanddestruction".
 DiagnosticLogger& lifetimeLogger();
 // Whether `level` is enabled on the lifetime channel, tested on the channel's
-// shared mask without making its logger: making the first logger of a
-// process sets up Boost.Log, which a silent process never needs, and every
-// endpoint tests this level when it is destroyed.
+// shared mask without making its logger (every endpoint tests this level
+// when it is destroyed).
 bool lifetimeLevelEnabled(unsigned level);
 
 // The name of the registry's name directory, "qzEndpointRegistry".

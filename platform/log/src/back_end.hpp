@@ -20,7 +20,8 @@ struct BackEnd {
   bool (*accepts)();
   // Opens a record of `level` on `logger`, writes `text`, pushes it.
   void (*write)(void* logger, unsigned level, const std::string& text);
-  // Replaces the sink; std::invalid_argument for a malformed name.
+  // Replaces the sink (a name already checked by the administration);
+  // std::invalid_argument when its file cannot be opened.
   void (*setSink)(const std::string& name);
 };
 

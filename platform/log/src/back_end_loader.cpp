@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <atomic>
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -21,11 +22,11 @@ namespace {
 struct Loader {
   std::mutex mutex;
   bool tried = false;  // under the mutex
-  std::string error;   // under the mutex, final once `tried`
+  // Set once loading failed: later records find no back end without the lock.
+  std::atomic<bool> failed{false};
+  std::string error;  // under the mutex, final once `tried`
   std::atomic<const BackEnd*> table{nullptr};
 };
-
-Loader& loader();
 
 // Never destroyed: loggers may write while the process exits.
 Loader& loader() {
@@ -81,11 +82,17 @@ const BackEnd* load(std::string& error) {
 const BackEnd* backEnd() noexcept {
   Loader& l = loader();
   if (const BackEnd* table = l.table.load(std::memory_order_acquire)) return table;
+  if (l.failed.load(std::memory_order_acquire)) return nullptr;
   try {
     std::lock_guard lock(l.mutex);
     if (!l.tried) {
       l.tried = true;
-      l.table.store(load(l.error), std::memory_order_release);
+      try {
+        l.table.store(load(l.error), std::memory_order_release);
+      } catch (const std::exception& error) {
+        l.error = error.what();
+      }
+      if (l.table.load(std::memory_order_relaxed) == nullptr) l.failed.store(true, std::memory_order_release);
     }
     return l.table.load(std::memory_order_acquire);
   } catch (...) {

@@ -64,9 +64,6 @@ class basic_diagnostic_logger {
   // The enabled set of the channel as a whole.
   unsigned enabledLevels() const noexcept { return mask_->load(std::memory_order_relaxed); }
 
-  // The channel's name.
-  const std::string& channel() const noexcept { return channel_; }
-
   // True when a record written now would reach the logging core: the back
   // end is loaded (this call loads it on first need) and the core's logging
   // is enabled. Does not look at the level; test isEnabled() first.
