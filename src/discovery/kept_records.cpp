@@ -55,26 +55,16 @@ std::size_t KeptRecords::names() {
   return names_;
 }
 
-namespace {
-
-std::unordered_map<std::string, KeptRecord>& recordsOf(
-    std::mutex& mutex, std::unordered_map<std::string, std::unordered_map<std::string, KeptRecord>>& byTrustee,
-    const std::string& trustee) {
-  std::lock_guard lock(mutex);
-  return byTrustee[trustee];
-}
-
-}  // namespace
-
 KeptRecords::Listing::Listing(KeptRecords& kept, const std::string& trustee, std::string prefix)
-    : kept_(kept),
-      records_(recordsOf(kept.mutex_, kept.byTrustee_, trustee)),
-      trustee_(trustee),
-      prefix_(std::move(prefix)),
-      serial_([&kept] {
-        std::lock_guard lock(kept.mutex_);
-        return ++kept.serial_;
-      }()) {}
+    : Listing(kept, kept.open(trustee), trustee, std::move(prefix)) {}
+
+KeptRecords::Listing::Listing(KeptRecords& kept, Opened opened, const std::string& trustee, std::string prefix)
+    : kept_(kept), records_(opened.records), trustee_(trustee), prefix_(std::move(prefix)), serial_(opened.serial) {}
+
+KeptRecords::Opened KeptRecords::open(const std::string& trustee) {
+  std::lock_guard lock(mutex_);
+  return Opened{byTrustee_[trustee], ++serial_};
+}
 
 std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
   mapNow = false;

@@ -76,6 +76,13 @@ class KeptRecords {
   // The process's kept records (never destroyed).
   static KeptRecords& ofProcess();
 
+  // A trustee's records, and the serial number of a listing of them, taken
+  // under one lock.
+  struct Opened {
+    std::unordered_map<std::string, KeptRecord>& records;
+    std::uint64_t serial;
+  };
+
   // One listing of one trustee's records under one name prefix.
   class Listing {
    public:
@@ -107,6 +114,7 @@ class KeptRecords {
    private:
     friend class KeptRecords;
     Listing(KeptRecords& kept, const std::string& trustee, std::string prefix);
+    Listing(KeptRecords& kept, Opened opened, const std::string& trustee, std::string prefix);
 
     KeptRecords& kept_;
     std::unordered_map<std::string, KeptRecord>& records_;  // never erased, only emptied
@@ -132,6 +140,7 @@ class KeptRecords {
 
  private:
   KeptRecords() = default;
+  Opened open(const std::string& trustee);
 
   struct CleanSweep {
     Stamp stamp;

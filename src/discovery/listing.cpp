@@ -26,6 +26,17 @@ using DataPairs = std::vector<DataPair>;
 
 namespace {
 
+// Whether the folder changed so lately that a change after this sweep could
+// keep its stamp: its modification time has the clock's coarse tick, and
+// its size stays the same when one entry comes and another goes.
+bool changedLately(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp) {
+  timespec now{};
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return true;
+  const long long sinceChange = (static_cast<long long>(now.tv_sec) - stamp.seconds) * 1'000'000'000LL +
+                                (static_cast<long long>(now.tv_nsec) - stamp.nanoseconds);
+  return sinceChange < 20'000'000LL;  // 20 ms: several ticks
+}
+
 // Clears away the trustee's record segments under the group tag's prefix
 // that the directory did not name when it was read (`listed`) and whose
 // publisher is gone. A publisher that dies after creating its record and
@@ -38,17 +49,6 @@ namespace {
 // Costs one pass over the scope folder; normally no segment is left to open,
 // and the pass is skipped while the folder's entries stay as they were when
 // a pass last found every segment named.
-// Whether the folder changed so lately that a change after this sweep could
-// keep its stamp: its modification time has the clock's coarse tick, and
-// its size stays the same when one entry comes and another goes.
-bool changedLately(const agent::spf::sharedmemory::ScopeFolder::Stamp& stamp) {
-  timespec now{};
-  if (clock_gettime(CLOCK_REALTIME, &now) != 0) return true;
-  const long long sinceChange = (static_cast<long long>(now.tv_sec) - stamp.seconds) * 1'000'000'000LL +
-                                (static_cast<long long>(now.tv_nsec) - stamp.nanoseconds);
-  return sinceChange < 20'000'000LL;  // 20 ms: several ticks
-}
-
 void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::string>& listed, RecordReader& reader,
                           KeptRecords::Listing& kept) {
   // Nothing to look at again while no entry came to or went from the
@@ -58,8 +58,7 @@ void sweepUnlistedRecords(const std::string& groupTag, const std::vector<std::st
   const std::uint64_t digest = KeptRecords::digestOf(listed);
   if (stamp && !kept.sweepNeeded(*stamp, digest)) return;
   bool complete = false;
-  std::vector<std::string> segments =
-      agent::spf::sharedmemory::listSegmentNames(reader.trustee(), groupPrefix(groupTag), &complete);
+  std::vector<std::string> segments = reader.segmentNames(groupPrefix(groupTag), &complete);
   const std::unordered_set<std::string> named(listed.begin(), listed.end());
   bool everySegmentNamed = true;
   for (std::string& text : segments) {

@@ -216,9 +216,14 @@ bool RecordReader::removeUnreadable(const RecordName& name) {
   return size && agent::spf::sharedmemory::removeUnclaimedSegment(trustee_, name.text(), *size);
 }
 
+std::vector<std::string> RecordReader::segmentNames(const std::string& prefix, bool* complete) const {
+  if (folder_.isOpen()) return folder_.segmentNames(prefix, complete);
+  return agent::spf::sharedmemory::listSegmentNames(trustee_, prefix, complete);
+}
+
 std::vector<std::string> RecordReader::liveNames() {
   std::vector<std::string> names;
-  for (std::string& text : agent::spf::sharedmemory::listSegmentNames(trustee_, recordPrefix)) {
+  for (std::string& text : segmentNames(recordPrefix)) {
     const RecordName name(std::move(text));
     if (name.format() != 0) continue;
     const SegmentReader reader = openUnmapped(name);

@@ -75,6 +75,11 @@ class RecordReader {
   // The stamp of the trustee's scope folder now (see ScopeFolder::stamp).
   std::optional<agent::spf::sharedmemory::ScopeFolder::Stamp> folderStamp() const noexcept { return folder_.stamp(); }
 
+  // The names of the trustee's segments that begin with `prefix` (see
+  // listSegmentNames), read through the folder this reader holds when it
+  // could open it.
+  std::vector<std::string> segmentNames(const std::string& prefix, bool* complete = nullptr) const;
+
   // Reads the record `name`: a live one's data pair; a stale one cleared
   // away (flag cleared, mutex destroyed, segment and directory name
   // removed). A name without a segment reads as Unreadable and keeps its
@@ -82,8 +87,8 @@ class RecordReader {
   // sure that the segment is really absent. Throws std::out_of_range when a
   // live record's first length exceeds its data, std::runtime_error when its
   // mutex probes in an undesired state. With `keep`, a record found live at
-  // once is read through a mapping, which is handed over in *keep for
-  // readLiveView() later (unmapped otherwise).
+  // once is read through a mapping, which is handed over in *keep, for
+  // liveMarkIn() to look at later (unmapped otherwise).
   RecordRead read(const RecordName& name, RecordJudgement judgement = RecordJudgement::Listing,
                   agent::spf::sharedmemory::SegmentView* keep = nullptr);
 

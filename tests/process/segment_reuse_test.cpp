@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -324,6 +325,25 @@ TEST_F(SegmentReuseTest, ReaderOpensSegmentsInAFolderOpenedOnce) {
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].message, "find: " + pathOf(name) + "missing: not found");
   EXPECT_EQ(records[1].message, "find: " + pathOf(name) + ": size 64 is smaller than 65");
+}
+
+// The names read through an open folder are the names read by trustee.
+TEST_F(SegmentReuseTest, AnOpenFolderListsTheSegmentsThatTheTrusteeLists) {
+  makeSegment(name + "a", 64, "a");
+  makeSegment(name + "b", 64, "b");
+  const ScopeFolder folder = ScopeFolder::open("");
+  ASSERT_TRUE(folder.isOpen());
+  bool complete = false;
+  std::vector<std::string> names = folder.segmentNames(name, &complete);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{name + "a", name + "b"}));
+  EXPECT_TRUE(complete);
+  std::vector<std::string> byTrustee = agent::spf::sharedmemory::listSegmentNames("", name);
+  std::sort(byTrustee.begin(), byTrustee.end());
+  EXPECT_EQ(names, byTrustee);
+  complete = true;
+  EXPECT_TRUE(ScopeFolder().segmentNames(name, &complete).empty());
+  EXPECT_FALSE(complete);
 }
 
 TEST_F(SegmentReuseTest, AFolderThatCannotBeOpenedIsReportedByEachRead) {

@@ -17,6 +17,7 @@
 #include <sys/types.h>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace agent::spf::sharedmemory::detail {
 
@@ -101,6 +102,11 @@ Outcome resolveScope(const std::string& trustee, Scope& scope);
 // at the same moment is waited for a bounded number of times. ScopeMissing
 // when it is missing and not to be made.
 Outcome openScopeFolder(const Scope& scope, bool createIfMissing, UniqueFd& folder);
+
+// Appends the names in the open scope folder that begin with `prefix` to
+// `names`: every regular file (or entry of unknown kind), as the folder
+// gives them.
+Outcome readSegmentNames(int folder, const std::string& prefix, std::vector<std::string>& names);
 
 // Removes `name` from the folder only if it still names the file (device,
 // inode); a name that is gone or names another file is left alone (None).

@@ -26,10 +26,9 @@ void logListingFailure(const std::string& where, const Outcome& outcome) {
   detail::logLine(outcome.logLevel(), "listSegmentNames: ", where, ": ", outcome.reason);
 }
 
-// Reads the names from the open scope folder. Names are taken as the folder
-// gives them; a file that is not regular (when the folder says so) is left
-// out.
-Outcome readNames(int folder, const std::string& prefix, std::vector<std::string>& names) {
+}  // namespace
+
+Outcome detail::readSegmentNames(int folder, const std::string& prefix, std::vector<std::string>& names) {
   // The scope folder is held as an O_PATH descriptor; reading it needs a
   // descriptor of its own.
   const int readable = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -56,8 +55,6 @@ Outcome readNames(int folder, const std::string& prefix, std::vector<std::string
   return outcome;
 }
 
-}  // namespace
-
 std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix, bool* complete) {
   std::vector<std::string> names;
   if (complete != nullptr) *complete = false;
@@ -74,7 +71,7 @@ std::vector<std::string> listSegmentNames(const std::string& trustee, const std:
       if (complete != nullptr) *complete = true;
       return names;
     }
-    if (outcome.ok()) outcome = readNames(folder.get(), prefix, names);
+    if (outcome.ok()) outcome = detail::readSegmentNames(folder.get(), prefix, names);
     if (!outcome.ok()) {
       logListingFailure(scope.path, outcome);
       names.clear();

@@ -44,6 +44,25 @@ std::optional<ScopeFolder::Stamp> ScopeFolder::stamp() const noexcept {
   return Stamp{st.st_dev, st.st_ino, st.st_mtim.tv_sec, st.st_mtim.tv_nsec, st.st_size};
 }
 
+std::vector<std::string> ScopeFolder::segmentNames(const std::string& prefix, bool* complete) const {
+  std::vector<std::string> names;
+  if (complete != nullptr) *complete = false;
+  if (!impl_) return names;
+  try {
+    const Outcome outcome = detail::readSegmentNames(impl_->folder->get(), prefix, names);
+    if (!outcome.ok()) {
+      detail::logLine(outcome.logLevel(), "listSegmentNames: ", impl_->scope.path, ": ", outcome.reason);
+      names.clear();
+    } else if (complete != nullptr) {
+      *complete = true;
+    }
+  } catch (...) {
+    // Only memory for names and texts can run out here.
+    names.clear();
+  }
+  return names;
+}
+
 SegmentReader SegmentReader::open(const std::string& name, std::size_t size, const std::string& trustee,
                                   SharedMemory::ImplementationSpecifications implementation) {
   return open(ScopeFolder(), name, size, trustee, implementation);

@@ -176,6 +176,12 @@ class ScopeFolder {
   // be had. One system call.
   std::optional<Stamp> stamp() const noexcept;
 
+  // The names of the folder's segments that begin with `prefix`, read from
+  // this open folder, as listSegmentNames() reads them from the trustee's
+  // (same answer, log and `complete`); an unopened folder has none, and its
+  // answer is not whole. Never throws.
+  std::vector<std::string> segmentNames(const std::string& prefix, bool* complete = nullptr) const;
+
  private:
   friend class SegmentReader;
   struct Impl;
