@@ -260,7 +260,6 @@ void killToOwnerChange(benchmark::State& state) {
   samples.report(state);
 }
 
-// Each iteration also times a bare start (the floor), side by side.
 void registerFigures(const Plan& plan) {
   erbench::figure("bus/RequestName+ReleaseName", requestRelease, plan.iterations(2000));
   for (long n : plan.sizes()) {

@@ -10,7 +10,6 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>

@@ -181,19 +181,20 @@ void releaseUnlisted(pthread_mutex_t* mutex) noexcept {
   const agent::spf::sharedmemory::MappedAccess mapped;
   auto* word = reinterpret_cast<unsigned*>(&mutex->__data.__lock);
   unsigned seen = __atomic_load_n(word, __ATOMIC_ACQUIRE);
-  if (lockword::holder(seen) == static_cast<unsigned>(gettid())) {
-    releaseLockWord(mutex);
-    return;
-  }
-  // Locked as a plain mutex: 1, or 2 with waiters, and this thread as its
-  // owner. Its waiters may wait as threads of this process or of others.
-  const int owner = std::atomic_ref<int>(mutex->__data.__owner).load(std::memory_order_relaxed);
-  if (owner != gettid() || (seen != 1 && seen != 2)) return;
+  // Locked as a robust mutex (this thread's id in the word) or as a plain
+  // one (1, or 2 with waiters, and this thread as its owner). The two can
+  // look alike (a thread id of 1 or 2 in a pid namespace), so the word is
+  // cleared and a waiter woken either way, as a process-shared or a private
+  // mutex would be waited for: a wake that finds nobody costs nothing.
+  const unsigned ownThread = static_cast<unsigned>(gettid());
+  const bool robustlyHeld = lockword::holder(seen) == ownThread;
+  const bool plainlyHeld =
+      (seen == 1 || seen == 2) &&
+      std::atomic_ref<int>(mutex->__data.__owner).load(std::memory_order_relaxed) == static_cast<int>(ownThread);
+  if (!robustlyHeld && !plainlyHeld) return;
   if (!__atomic_compare_exchange_n(word, &seen, 0u, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) return;
-  if (seen == 2) {
-    syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
-    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-  }
+  syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+  syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 int unlockHeld(pthread_mutex_t* mutex, int kind, void* newer, void* older, bool* dropped) noexcept {

@@ -128,7 +128,7 @@ int PThreadRobustLockGuard::getMutexState(pthread_mutex_t* mutex) {
   const int result = pthread_mutex_trylock(mutex);
   if (result != 0 && result != EOWNERDEAD) return result;
   if (result == EOWNERDEAD) pthread_mutex_consistent(mutex);
-  if (robustlist::firstLink() == robustlist::linkOf(mutex)) {
+  if (robustlist::lockedFirst(mutex)) {
     (void)robustlist::unlockHeld(mutex, kind, robustlist::headLink(), before);
   } else {
     pthread_mutex_unlock(mutex);

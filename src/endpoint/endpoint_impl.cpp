@@ -33,13 +33,15 @@ Endpoint::Impl::Impl(const DataPair& data, const std::string& groupTagArgument, 
   // Named and live: watchers of the scope folder hear of it now.
   sharedMemory.touch();
   // From now on the process heals the record when it is lost.
-  watch = healing::watchRecord(trustee, name);
+  bool gone = false;
+  watch = healing::watchRecord(trustee, name, &gone);
   try {
     HeldRecords::add(*this);
   } catch (...) {
     healing::unwatchRecord(watch);
     throw;
   }
+  if (gone) healing::requestHealing({trustee}, false);
   ER_TEST_HOOK("record.published");
 }
 

@@ -93,16 +93,13 @@ void Endpoint::Impl::republish(bool oldIntact) {
   sharedMemory.touch();
   healing::unwatchRecord(watch);
   watch = healing::watchRecord(trustee, name);
-  if (oldIntact) {
-    // The old segment is withdrawn as usual: flag, lock (unlocked and
-    // destroyed as `lock` goes), segment; its name is no longer its own.
-    livenessFlagOf(fresh).exchange(0);
-    return;
-  }
-  // The old lock is abandoned where it lies; its flag byte is cleared all the
-  // same, so that no process that keeps the old segment mapped reads it as
-  // live.
+  // The old segment's flag goes first, also when it was damaged, so that no
+  // process that keeps it mapped reads it as live.
   livenessFlagOf(fresh).exchange(0);
+  // Intact: withdrawn as usual, its lock unlocked and destroyed as `lock`
+  // goes, then the segment; its name is no longer its own.
+  if (oldIntact) return;
+  // Damaged: the old lock is abandoned where it lies.
   lock.abandon();
   damagedSegments().push_back(std::move(fresh));
 }

@@ -256,7 +256,8 @@ void onReadable() noexcept {
 
 }  // namespace
 
-int watchRecord(const std::string& trustee, const std::string& name) noexcept {
+int watchRecord(const std::string& trustee, const std::string& name, bool* gone) noexcept {
+  if (gone != nullptr) *gone = false;
   try {
     Watch& watch = theWatch();
     std::unique_lock<std::mutex> lock(watch.mutex);
@@ -270,7 +271,11 @@ int watchRecord(const std::string& trustee, const std::string& name) noexcept {
         // and this watch): no event will tell, so the healer looks now.
         const bool missing = errno == ENOENT;
         lock.unlock();
-        if (missing) requestHealing({trustee}, false);
+        if (gone != nullptr) {
+          *gone = missing;
+        } else if (missing) {
+          requestHealing({trustee}, false);
+        }
         return -1;
       }
     }
@@ -300,15 +305,6 @@ void unwatchRecord(int watched) noexcept {
     }
   } catch (...) {
     // Its events, if any, find no target and are dropped.
-  }
-}
-
-void watchDirectory(const std::string& trustee) noexcept {
-  try {
-    Watch& watch = theWatch();
-    std::lock_guard<std::mutex> lock(watch.mutex);
-    watchDirectoryLocked(watch, trustee);
-  } catch (...) {
   }
 }
 

@@ -32,12 +32,12 @@ namespace agent::spf::endpointregistry::healing {
 // Watches a published record's segment, and the base of its trustee's
 // directory (from the start of the watch on); returns the record's watch,
 // or -1 when it cannot be watched (it is then healed only along with
-// others).
-int watchRecord(const std::string& trustee, const std::string& name) noexcept;
+// others). A segment already gone, which no event will tell of, is healed
+// at once; with `gone`, *gone tells of it instead, and the caller asks for
+// the healing once the healer can find the record (HeldRecords).
+int watchRecord(const std::string& trustee, const std::string& name, bool* gone = nullptr) noexcept;
 // Ends the watch of a record (before the record's segment goes).
 void unwatchRecord(int watch) noexcept;
-// Watches the base of the trustee's directory (again, after it was replaced).
-void watchDirectory(const std::string& trustee) noexcept;
 
 // Asks the healer to look at the records of `trustees` (all of them when
 // `all` is set); starts it unless it runs.

@@ -78,14 +78,18 @@ bool prepareWait(std::uint32_t* word, std::uint32_t& expected) noexcept {
 
 void* runWaiter(void* argument) {
   auto* waiter = static_cast<DeathWatch::Waiter*>(argument);
+  // Room for the most words a thread is given, taken before the thread
+  // reports its first words taken: it never allocates afterwards.
   std::vector<futex_waitv> waits;
   std::vector<std::uint32_t*> words;
+  waits.reserve(wordsPerThread + 1);
+  words.reserve(wordsPerThread);
   for (;;) {
     std::uint32_t generation = 0;
     {
       std::lock_guard<std::mutex> lock(waiter->mutex);
       generation = waiter->control.load(std::memory_order_acquire);
-      // Into the room the vectors have: once grown, no allocation.
+      // Into the room reserved above: no allocation.
       words.assign(waiter->words.begin(), waiter->words.end());
       waits.clear();
       for (std::size_t i = 0; i < words.size(); ++i) {

@@ -565,10 +565,11 @@ TEST(RobustLockGuardTest, AMutexDamagedAsItIsUnlockedLeavesTheThreadsList) {
   }
 }
 
-// Cut to zeros (or destroyed) by another process after its kind was
-// checked, before glibc read it: glibc locks it as a plain mutex, in no
-// list. The guard lets go of it at once and refuses it for its kind; the
-// work thread's list stays as it was.
+// Cut to zeros by another process after its kind was checked, before glibc
+// read it: glibc locks it as a plain mutex, in no list. The guard lets go
+// of it at once and refuses it for its kind; the work thread's list stays
+// as it was. A mutex destroyed there instead glibc refuses by itself: the
+// guard must refuse it the same way.
 TEST(RobustLockGuardTest, AMutexDamagedAsItIsLockedIsLetGoAndRefused) {
   for (Damage damage : {Damage::Cut, Damage::Destroyed}) {
     const auto code = er::test::runInChild(

@@ -46,6 +46,9 @@ int inotifyDescriptors() {
   return count;
 }
 
+// A child's exit code: the run could not show what the test looks at.
+constexpr int inconclusive = 9;
+
 class WatchStartTest : public ::testing::Test {
  protected:
   std::string tag = uniqueName("watchStart");
@@ -73,6 +76,9 @@ TEST_F(WatchStartTest, DamageDoneBeforeTheWatchStartsIsHealedWhenItStarts) {
     struct stat before {};
     const std::string path = userPath(*files.begin());
     if (stat(path.c_str(), &before) != 0 || unlink(path.c_str()) != 0) return 4;
+    // Removed before the watch started (no event will tell), or this run
+    // was too slow to show anything.
+    if (inotifyDescriptors() != 0) return inconclusive;
     const bool healed = eventually([&] {
       struct stat now {};
       return stat(path.c_str(), &now) == 0 && now.st_ino != before.st_ino;
@@ -82,6 +88,7 @@ TEST_F(WatchStartTest, DamageDoneBeforeTheWatchStartsIsHealedWhenItStarts) {
     const std::vector<std::pair<std::string, std::string>> expected{{"early", "1"}};
     return eventually([&] { return Endpoint::filter(tag) == expected; }) ? 0 : 6;
   });
+  if (code == inconclusive) GTEST_SKIP() << "the watch started before the record was removed";
   EXPECT_EQ(code, 0);
 }
 
