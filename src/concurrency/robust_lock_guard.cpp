@@ -1,6 +1,7 @@
 #include "concurrency/robust_lock_guard.hpp"
 
 #include <linux/futex.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
@@ -17,6 +18,7 @@
 
 #include <agent/spf/sharedmemory/mapped_access.hpp>
 
+#include "concurrency/lock_word.hpp"
 #include "concurrency/robust_list.hpp"
 #include "diagnostics/diagnostics.hpp"
 #include "diagnostics/test_hooks.hpp"
@@ -91,20 +93,80 @@ int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
     const int result = pthread_mutex_trylock(mutex);
     if (result != EBUSY) return result;
     if (std::chrono::steady_clock::now() >= deadline) return ETIMEDOUT;
+    ER_TEST_HOOK("robust.waiting");
     std::this_thread::sleep_for(std::chrono::microseconds(50));
   }
 }
 
 #else
 
+// The kernel's answer to a wait on a mutex's lock word, as lockWithin()
+// answers it: 0 to try the lock again, or what to return.
+int afterWait(long waited) noexcept {
+  if (waited == 0) return 0;
+  switch (errno) {
+    case EAGAIN:  // the word changed before the wait began
+    case EINTR:
+      return 0;
+    case EFAULT:
+      // The kernel could not read the word: the segment was cut beneath the
+      // mutex after its word was read. Refused as a mutex that is no longer
+      // of this library's kind.
+      return EINVAL;
+    default:
+      return errno;  // ETIMEDOUT once the slice is over
+  }
+}
+
 // pthread_mutex_lock, except that it gives up with ETIMEDOUT after `slice`.
+// The lock is taken by pthread_mutex_trylock, which keeps the thread's list
+// of robust mutexes; the wait between tries is this library's own. glibc's
+// waiting locks end the process ("The futex facility returned an unexpected
+// error code.") when the kernel cannot read the lock word, which is what
+// another process brings about by cutting the segment between glibc's read
+// of the word and its wait. The wait follows glibc's robust protocol: set
+// FUTEX_WAITERS, so that the holder's unlock (or the kernel, at its death)
+// wakes a waiter, then sleep while the word stays as seen.
 int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   const long long nanoseconds = deadline.tv_nsec + slice.count();
   deadline.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
   deadline.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
-  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+  auto* const word = reinterpret_cast<unsigned*>(&mutex->__data.__lock);
+  bool waited = false;
+  for (;;) {
+    const int result = pthread_mutex_trylock(mutex);
+    if (result != EBUSY) {
+      // Taken after a wait, the lock keeps FUTEX_WAITERS, as glibc's own
+      // lock does: others may still sleep on the word, and only this
+      // thread's unlock can wake them.
+      if (waited && (result == 0 || result == EOWNERDEAD)) __atomic_fetch_or(word, FUTEX_WAITERS, __ATOMIC_RELAXED);
+      return result;
+    }
+    unsigned seen = __atomic_load_n(word, __ATOMIC_RELAXED);
+    if (seen == 0 || lockword::ownerDied(seen)) {
+      // Let go of since the try: try again, within the slice.
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec)) {
+        return ETIMEDOUT;
+      }
+      continue;
+    }
+    if (!lockword::hasWaiters(seen)) {
+      if (!__atomic_compare_exchange_n(word, &seen, seen | FUTEX_WAITERS, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+        continue;
+      }
+      seen |= FUTEX_WAITERS;
+    }
+    waited = true;
+    ER_TEST_HOOK("robust.waiting");
+    // Absolute on CLOCK_MONOTONIC; process-shared, as the mutex is.
+    const int next =
+        afterWait(syscall(SYS_futex, word, FUTEX_WAIT_BITSET, seen, &deadline, nullptr, FUTEX_BITSET_MATCH_ANY));
+    if (next != 0) return next;
+  }
 }
 
 #endif

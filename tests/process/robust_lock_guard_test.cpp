@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
@@ -410,6 +411,42 @@ TEST(RobustLockGuardTest, ZeroedMutexIsSetUpOnceAndLeftAloneAfterwards) {
   EXPECT_EQ(other.__data.__kind, 0x7ff);
 }
 
+#if !defined(__SANITIZE_THREAD__)
+
+// Taken after a wait, a lock keeps FUTEX_WAITERS on its word, as glibc's own
+// lock does: another waiter may still sleep on the word, and only this
+// holder's unlock can wake it. (ThreadSanitizer builds poll instead of
+// waiting, and never mark the word.)
+TEST(RobustLockGuardTest, ALockTakenAfterAWaitKeepsTheWaitersMark) {
+  SharedMutex mutex;
+  const auto word = [&mutex] {
+    return std::atomic_ref<unsigned>(*reinterpret_cast<unsigned*>(&mutex.get()->__data.__lock))
+        .load(std::memory_order_acquire);
+  };
+  std::promise<void> locked;
+  std::thread holder([&] {
+    ASSERT_EQ(pthread_mutex_lock(mutex.get()), 0);
+    locked.set_value();
+    // Held until the guard's work thread waits for it, which marks the word.
+    for (int i = 0; i < 30'000 && (word() & FUTEX_WAITERS) == 0; ++i) std::this_thread::sleep_for(1ms);
+    EXPECT_NE(word() & FUTEX_WAITERS, 0u);
+    EXPECT_EQ(pthread_mutex_unlock(mutex.get()), 0);
+  });
+  locked.get_future().wait();
+  {
+    const PThreadRobustLockGuard guard(mutex.get());
+    unsigned seen = word();
+    EXPECT_NE(seen & FUTEX_WAITERS, 0u);
+    EXPECT_NE(seen & FUTEX_TID_MASK, 0u);
+    EXPECT_EQ(seen & FUTEX_OWNER_DIED, 0u);
+  }
+  holder.join();
+  EXPECT_EQ(word(), 0u);
+  EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), 0);
+}
+
+#endif
+
 #if defined(ENDPOINTREGISTRY_TEST_HOOKS)
 
 namespace {
@@ -600,6 +637,70 @@ TEST(RobustLockGuardTest, AMutexDamagedAsItIsLockedIsLetGoAndRefused) {
         30s);
     EXPECT_EQ(code, std::optional<int>(0)) << "damage " << static_cast<int>(damage);
   }
+}
+
+namespace {
+
+// The memory file cut to nothing as the work thread is about to wait.
+int cutOnWait = -1;
+
+void cutAsItIsWaitedFor(const char* point) {
+  if (std::strcmp(point, "robust.waiting") != 0 || cutOnWait < 0) return;
+  (void)ftruncate(std::exchange(cutOnWait, -1), 0);
+}
+
+}  // namespace
+
+// Cut off beneath the work thread as it is about to wait for a mutex that
+// another process holds: the kernel can no longer read the lock word
+// (EFAULT), an answer on which glibc's own waiting locks end the process.
+// The lock is refused for its kind instead, and the work thread goes on.
+TEST(RobustLockGuardTest, AMutexCutOffAsItIsWaitedForIsRefused) {
+  const auto code = er::test::runInChild(
+      [](er::test::ChildProcess&) {
+        const WorkThreadGuard lane = WorkThreadGuard::holdThread();
+        SharedMutex held;
+        const PThreadRobustLockGuard first(held.get());
+        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        const int file = memfd_create("cut-while-waited-for", MFD_CLOEXEC);
+        if (file < 0 || ftruncate(file, static_cast<off_t>(page)) != 0) return 2;
+        void* memory = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        if (memory == MAP_FAILED) return 2;
+        auto* mutex = static_cast<pthread_mutex_t*>(memory);
+        PThreadRobustLockGuard::initializeMutex(mutex);
+        er::test::ChildProcess holder([mutex](er::test::ChildProcess& self) {
+          if (pthread_mutex_lock(mutex) != 0) return 1;
+          self.tellParent("locked");
+          self.readFromParent(60s);
+          return 0;
+        });
+        if (holder.readFromChild(30s) != std::optional<std::string>("locked")) return 3;
+        cutOnWait = file;
+        registry::testhooks::install(cutAsItIsWaitedFor);
+        int refusal = 0;
+        try {
+          const PThreadRobustLockGuard refused(mutex);
+        } catch (const std::runtime_error& error) {
+          refusal = std::string(error.what()).find("(Error 22)") != std::string::npos ? 1 : 2;
+        }
+        registry::testhooks::install(nullptr);
+        holder.kill(SIGKILL);
+        if (holder.wait(30s) != std::optional<int>(128 + SIGKILL)) return 4;
+        if (cutOnWait >= 0) return 5;  // the point was never reached
+        if (refusal != 1) return 6;
+        int firstListed = 0;
+        WorkThreadGuard::executeAndSet(
+            [&held] { return registry::robustlist::firstLink() == registry::robustlist::linkOf(held.get()) ? 1 : 0; },
+            firstListed);
+        if (firstListed != 1) return 7;
+        SharedMutex other;
+        { const PThreadRobustLockGuard again(other.get()); }
+        munmap(memory, page);
+        close(file);
+        return PThreadRobustLockGuard::getMutexState(other.get()) == 0 ? 0 : 8;
+      },
+      30s);
+  EXPECT_EQ(code, std::optional<int>(0));
 }
 
 #endif
