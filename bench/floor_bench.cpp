@@ -39,34 +39,49 @@ void openMapReadClose(benchmark::State& state) {
   }
   Samples samples;
   unsigned sum = 0;
+  bool failed = false;
   for (auto _ : state) {
     samples.time(state, [&] {
       const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-      void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      sum += *static_cast<volatile unsigned char*>(address);
-      munmap(address, segmentSize);
-      close(fd);
+      void* address = fd < 0 ? MAP_FAILED : mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (address == MAP_FAILED) {
+        failed = true;
+      } else {
+        sum += *static_cast<volatile unsigned char*>(address);
+        munmap(address, segmentSize);
+      }
+      if (fd >= 0) close(fd);
     });
+    if (failed) break;
   }
   benchmark::DoNotOptimize(sum);
   unlink(path.c_str());
+  if (failed) state.SkipWithError("the floor segment could not be opened and mapped");
   samples.report(state);
 }
 
 void createRemove(benchmark::State& state) {
   const std::string path = segmentPath(erbench::uniqueName("erBenchFloor"));
   Samples samples;
+  bool failed = false;
   for (auto _ : state) {
     samples.time(state, [&] {
       const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-      if (ftruncate(fd, segmentSize) != 0) state.SkipWithError("ftruncate failed");
-      void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      *static_cast<volatile unsigned char*>(address) = 1;
-      munmap(address, segmentSize);
-      close(fd);
+      void* address = fd < 0 || ftruncate(fd, segmentSize) != 0
+                          ? MAP_FAILED
+                          : mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (address == MAP_FAILED) {
+        failed = true;
+      } else {
+        *static_cast<volatile unsigned char*>(address) = 1;
+        munmap(address, segmentSize);
+      }
+      if (fd >= 0) close(fd);
       unlink(path.c_str());
     });
+    if (failed) break;
   }
+  if (failed) state.SkipWithError("the floor segment could not be made and mapped");
   samples.report(state);
 }
 
@@ -80,9 +95,17 @@ void coldPublication(benchmark::State& state) {
         const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (fd < 0 || ftruncate(fd, segmentSize) != 0) {
           failed = true;
+          if (fd >= 0) close(fd);
+          unlink(path.c_str());
           return;
         }
         void* address = mmap(nullptr, segmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (address == MAP_FAILED) {
+          failed = true;
+          close(fd);
+          unlink(path.c_str());
+          return;
+        }
         auto* mutex = reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(address) + 8);
         pthread_mutexattr_t attributes;
         pthread_mutexattr_init(&attributes);

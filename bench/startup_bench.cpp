@@ -11,9 +11,13 @@
 //   bus, owns a name and ends (the bus's counterpart of the previous one).
 // The started programs are bench/startup/*.cpp, built beside this one.
 #include <benchmark/benchmark.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,6 +55,18 @@ std::optional<Clock::duration> runWhole(const std::string& program, const std::v
   const auto start = Clock::now();
   pid_t pid = -1;
   if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return std::nullopt;
+  // Waited for through a pidfd, so that a program that hangs is killed
+  // after a minute instead of holding the run for ever. Both programs of a
+  // ratio are waited for the same way.
+  const int exited = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (exited >= 0) {
+    pollfd wait{exited, POLLIN, 0};
+    int ready = 0;
+    while ((ready = poll(&wait, 1, 60'000)) < 0 && errno == EINTR) {
+    }
+    close(exited);
+    if (ready == 0) kill(pid, SIGKILL);
+  }
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return std::nullopt;

@@ -25,6 +25,7 @@
 
 #include "concurrency/hand_off.hpp"
 #include "support/child_process.hpp"
+#include "support/eventually.hpp"
 #include "support/log_capture.hpp"
 
 namespace registry = agent::spf::endpointregistry;
@@ -70,23 +71,10 @@ char threadState(pid_t tid) {
   return end == std::string::npos || end + 2 >= text.size() ? 0 : text[end + 2];
 }
 
-// Looks at `ready` every millisecond for at most `limit`; true once it holds.
-// For states that nothing signals (a thread's scheduling state, the system
-// call it waits in).
-template <class Ready>
-bool pollUntil(const Ready& ready, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!ready()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
-
 // Waits up to two seconds for the thread to be asleep; its last state.
 char awaitAsleep(pid_t tid) {
   char state = 0;
-  pollUntil([&] { return (state = threadState(tid)) == 'S'; }, 2s);
+  er::test::eventually([&] { return (state = threadState(tid)) == 'S'; }, 2s);
   return state;
 }
 
@@ -140,7 +128,7 @@ std::pair<long, std::uintptr_t> blockedIn(pid_t tid) {
 // thread waits for jobs and holds no lock of the allocator, so that a fork
 // cannot catch it half-way.
 bool waitUntilIdle(pid_t tid) {
-  return pollUntil(
+  return er::test::eventually(
       [tid] {
         const long call = blockedIn(tid).first;
         return call == SYS_poll || call == SYS_ppoll;
@@ -332,7 +320,8 @@ TEST(WorkQueueTest, ANewThreadLeavesSpinningOnForTheProcess) {
   EXPECT_EXIT(
       {
         const WorkThreadGuard held = WorkThreadGuard::holdThread();
-        if (!pollUntil([&] { return held.queue()->awakeOn() == registry::WorkQueue::asleep; }, 2s)) std::_Exit(2);
+        if (!er::test::eventually([&] { return held.queue()->awakeOn() == registry::WorkQueue::asleep; }, 2s))
+          std::_Exit(2);
         std::_Exit(registry::handoff::spinningHelps() ? 0 : 1);
       },
       testing::ExitedWithCode(0), "");
@@ -493,7 +482,7 @@ TEST(WorkQueueTest, DestroyedQueueDestroysPendingJobsUnrun) {
     blocking.reset();
   });
   const pid_t stopperId = stopperTid.get_future().get();
-  EXPECT_TRUE(pollUntil([&] { return isJoining(stopperId, workThread); }, 30s));
+  EXPECT_TRUE(er::test::eventually([&] { return isJoining(stopperId, workThread); }, 30s));
   ASSERT_EQ(write(wake[1], "x", 1), 1);
   stopper.join();
   close(wake[0]);
