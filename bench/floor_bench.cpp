@@ -33,9 +33,13 @@ std::string segmentPath(const std::string& name) { return "/dev/shm/" + name; }
 void openMapReadClose(benchmark::State& state) {
   const std::string path = segmentPath(erbench::uniqueName("erBenchFloor"));
   {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0 || ftruncate(fd, segmentSize) != 0) throw std::runtime_error("cannot make the floor segment");
-    close(fd);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const bool sized = fd >= 0 && ftruncate(fd, segmentSize) == 0;
+    if (fd >= 0) close(fd);
+    if (!sized) {
+      unlink(path.c_str());
+      throw std::runtime_error("cannot make the floor segment");
+    }
   }
   Samples samples;
   unsigned sum = 0;
@@ -123,6 +127,7 @@ void coldPublication(benchmark::State& state) {
       });
       worker.join();
     });
+    if (failed) break;
   }
   if (failed) state.SkipWithError("the floor segment or its mutex failed");
   samples.report(state);

@@ -76,6 +76,19 @@ int unlockHeldMutex(pthread_mutex_t* mutex, bool& dropped) noexcept {
   return robustlist::unlockHeld(mutex, PThreadRobustLockGuard::ownKind(), newer, older, &dropped);
 }
 
+// What pthread_mutex_trylock answered, as a lock wait takes it: EDEADLK
+// ("held by this thread") only when this lane holds the mutex through
+// another guard of the process. Any other EDEADLK names a holder in another
+// pid namespace whose thread id is this lane's: EBUSY, to be waited for.
+int triedLock(pthread_mutex_t* mutex) {
+  const int result = pthread_mutex_trylock(mutex);
+  if (result != EDEADLK) return result;
+  WorkQueue* lane = WorkQueue::current();
+  if (lane == nullptr) return result;
+  const std::vector<pthread_mutex_t*>& held = lane->heldMutexes();
+  return std::find(held.begin(), held.end(), mutex) != held.end() ? EDEADLK : EBUSY;
+}
+
 // The longest the work thread waits at once for a mutex that another process
 // holds; then it runs the process's other jobs before it tries again.
 constexpr std::chrono::nanoseconds lockWaitSlice = std::chrono::milliseconds(10);
@@ -90,7 +103,7 @@ constexpr std::chrono::nanoseconds lockWaitSlice = std::chrono::milliseconds(10)
 int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
   const auto deadline = std::chrono::steady_clock::now() + slice;
   for (;;) {
-    const int result = pthread_mutex_trylock(mutex);
+    const int result = triedLock(mutex);
     if (result != EBUSY) return result;
     if (std::chrono::steady_clock::now() >= deadline) return ETIMEDOUT;
     ER_TEST_HOOK("robust.waiting");
@@ -118,6 +131,27 @@ int afterWait(long waited) noexcept {
   }
 }
 
+// Marks the lock word of a mutex that this thread has just taken robustly
+// after a wait with FUTEX_WAITERS, as glibc's own lock does: others may still
+// sleep on the word, and only this thread's unlock can wake them. A word
+// that does not name this thread (the mutex was cut and taken as a plain
+// one) is left alone.
+void keepWaitersMark(unsigned* word) noexcept {
+  const auto ownThread = static_cast<unsigned>(gettid());
+  unsigned seen = __atomic_load_n(word, __ATOMIC_RELAXED);
+  while (lockword::holder(seen) == ownThread && !lockword::hasWaiters(seen) && !lockword::ownerDied(seen)) {
+    if (__atomic_compare_exchange_n(word, &seen, seen | FUTEX_WAITERS, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+      return;
+    }
+  }
+}
+
+bool reached(const timespec& deadline) noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+}
+
 // pthread_mutex_lock, except that it gives up with ETIMEDOUT after `slice`.
 // The lock is taken by pthread_mutex_trylock, which keeps the thread's list
 // of robust mutexes; the wait between tries is this library's own. glibc's
@@ -136,23 +170,19 @@ int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
   auto* const word = reinterpret_cast<unsigned*>(&mutex->__data.__lock);
   bool waited = false;
   for (;;) {
-    const int result = pthread_mutex_trylock(mutex);
+    const int result = triedLock(mutex);
     if (result != EBUSY) {
-      // Taken after a wait, the lock keeps FUTEX_WAITERS, as glibc's own
-      // lock does: others may still sleep on the word, and only this
-      // thread's unlock can wake them.
-      if (waited && (result == 0 || result == EOWNERDEAD)) __atomic_fetch_or(word, FUTEX_WAITERS, __ATOMIC_RELAXED);
+      if (waited && (result == 0 || result == EOWNERDEAD)) keepWaitersMark(word);
       return result;
     }
     unsigned seen = __atomic_load_n(word, __ATOMIC_RELAXED);
     if (seen == 0 || lockword::ownerDied(seen)) {
-      // Let go of since the try: try again, within the slice.
-      timespec now{};
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec)) {
-        return ETIMEDOUT;
-      }
-      continue;
+      // Let go of since the try: tried again within the slice. A waiter
+      // that gives up here after a wake-up passes the wake-up on, which it
+      // may have taken from another waiter.
+      if (!reached(deadline)) continue;
+      if (waited) syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+      return ETIMEDOUT;
     }
     if (!lockword::hasWaiters(seen)) {
       if (!__atomic_compare_exchange_n(word, &seen, seen | FUTEX_WAITERS, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {

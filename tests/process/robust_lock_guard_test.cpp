@@ -10,9 +10,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -24,9 +26,12 @@
 
 #include <gtest/gtest.h>
 
+#include <agent/spf/sharedmemory/mapped_access.hpp>
+
 #include "concurrency/robust_list.hpp"
 #include "diagnostics/test_hooks.hpp"
 #include "support/child_process.hpp"
+#include "support/eventually.hpp"
 #include "support/log_capture.hpp"
 
 namespace registry = agent::spf::endpointregistry;
@@ -413,36 +418,37 @@ TEST(RobustLockGuardTest, ZeroedMutexIsSetUpOnceAndLeftAloneAfterwards) {
 
 #if !defined(__SANITIZE_THREAD__)
 
-// Taken after a wait, a lock keeps FUTEX_WAITERS on its word, as glibc's own
-// lock does: another waiter may still sleep on the word, and only this
-// holder's unlock can wake it. (ThreadSanitizer builds poll instead of
-// waiting, and never mark the word.)
-TEST(RobustLockGuardTest, ALockTakenAfterAWaitKeepsTheWaitersMark) {
+// A holder in another pid namespace may have the very thread id of the work
+// thread that wants the mutex; glibc then answers EDEADLK, as for a mutex
+// that the thread holds itself. The work thread waits for it all the same
+// (it marks the lock word and sleeps), and takes it once that holder lets
+// go. (ThreadSanitizer builds poll instead of sleeping.)
+TEST(RobustLockGuardTest, AHolderElsewhereWithTheWorkThreadsIdIsWaitedFor) {
+  const WorkThreadGuard lane = WorkThreadGuard::holdThread();
+  int laneThread = 0;
+  WorkThreadGuard::executeAndSet([] { return static_cast<int>(gettid()); }, laneThread);
   SharedMutex mutex;
-  const auto word = [&mutex] {
-    return std::atomic_ref<unsigned>(*reinterpret_cast<unsigned*>(&mutex.get()->__data.__lock))
-        .load(std::memory_order_acquire);
-  };
-  std::promise<void> locked;
-  std::thread holder([&] {
-    ASSERT_EQ(pthread_mutex_lock(mutex.get()), 0);
-    locked.set_value();
-    // Held until the guard's work thread waits for it, which marks the word.
-    for (int i = 0; i < 30'000 && (word() & FUTEX_WAITERS) == 0; ++i) std::this_thread::sleep_for(1ms);
-    EXPECT_NE(word() & FUTEX_WAITERS, 0u);
-    EXPECT_EQ(pthread_mutex_unlock(mutex.get()), 0);
+  auto& word = *reinterpret_cast<unsigned*>(&mutex.get()->__data.__lock);
+  std::atomic_ref<unsigned>(word).store(static_cast<unsigned>(laneThread), std::memory_order_release);
+  std::promise<bool> locked;
+  std::thread locker([&] {
+    try {
+      const PThreadRobustLockGuard guard(mutex.get());
+      locked.set_value((std::atomic_ref<unsigned>(word).load(std::memory_order_acquire) & FUTEX_TID_MASK) ==
+                       static_cast<unsigned>(laneThread));
+    } catch (const std::runtime_error&) {
+      locked.set_value(false);
+    }
   });
-  locked.get_future().wait();
-  {
-    const PThreadRobustLockGuard guard(mutex.get());
-    unsigned seen = word();
-    EXPECT_NE(seen & FUTEX_WAITERS, 0u);
-    EXPECT_NE(seen & FUTEX_TID_MASK, 0u);
-    EXPECT_EQ(seen & FUTEX_OWNER_DIED, 0u);
-  }
-  holder.join();
-  EXPECT_EQ(word(), 0u);
-  EXPECT_EQ(PThreadRobustLockGuard::getMutexState(mutex.get()), 0);
+  EXPECT_TRUE(er::test::eventually(
+      [&] { return (std::atomic_ref<unsigned>(word).load(std::memory_order_acquire) & FUTEX_WAITERS) != 0; }, 10s));
+  // The other holder lets go, as glibc's unlock would.
+  const unsigned before = std::atomic_ref<unsigned>(word).exchange(0, std::memory_order_release);
+  EXPECT_EQ(before & FUTEX_TID_MASK, static_cast<unsigned>(laneThread));
+  syscall(SYS_futex, &word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+  EXPECT_TRUE(locked.get_future().get());
+  locker.join();
+  EXPECT_EQ(std::atomic_ref<unsigned>(word).load(std::memory_order_acquire), 0u);
 }
 
 #endif
@@ -639,6 +645,65 @@ TEST(RobustLockGuardTest, AMutexDamagedAsItIsLockedIsLetGoAndRefused) {
   }
 }
 
+#if !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+// Run once as the work thread is about to sleep on a lock word.
+std::function<void()> onWait;
+
+void runOnWait(const char* point) {
+  if (std::strcmp(point, "robust.waiting") != 0 || !onWait) return;
+  std::exchange(onWait, nullptr)();
+}
+
+}  // namespace
+
+// Taken after a wait, a lock keeps FUTEX_WAITERS on its word, as glibc's own
+// lock does: another waiter may still sleep on the word, and only this
+// holder's unlock can wake it. Here the holder lets go just as the work
+// thread, having marked the word, is about to sleep. (ThreadSanitizer
+// builds poll instead of sleeping, and never mark the word.)
+TEST(RobustLockGuardTest, ALockTakenAfterAWaitKeepsTheWaitersMark) {
+  SharedMutex mutex;
+  const auto word = [&mutex] {
+    return std::atomic_ref<unsigned>(*reinterpret_cast<unsigned*>(&mutex.get()->__data.__lock))
+        .load(std::memory_order_acquire);
+  };
+  std::promise<void> locked;
+  std::promise<void> release;
+  std::thread holder([&] {
+    EXPECT_EQ(pthread_mutex_lock(mutex.get()), 0);
+    locked.set_value();
+    release.get_future().wait();
+    EXPECT_EQ(pthread_mutex_unlock(mutex.get()), 0);
+  });
+  locked.get_future().wait();
+  onWait = [&] {
+    release.set_value();
+    holder.join();
+  };
+  registry::testhooks::install(runOnWait);
+  unsigned held = 0;
+  {
+    const PThreadRobustLockGuard guard(mutex.get());
+    held = word();
+  }
+  registry::testhooks::install(nullptr);
+  const bool reached = !onWait;
+  if (!reached) {
+    release.set_value();
+    holder.join();
+  }
+  EXPECT_TRUE(reached);
+  EXPECT_NE(held & FUTEX_WAITERS, 0u);
+  EXPECT_NE(held & FUTEX_TID_MASK, 0u);
+  EXPECT_EQ(held & FUTEX_OWNER_DIED, 0u);
+  EXPECT_EQ(word(), 0u);
+}
+
+#endif
+
 namespace {
 
 // The memory file cut to nothing as the work thread is about to wait.
@@ -676,6 +741,7 @@ TEST(RobustLockGuardTest, AMutexCutOffAsItIsWaitedForIsRefused) {
         });
         if (holder.readFromChild(30s) != std::optional<std::string>("locked")) return 3;
         cutOnWait = file;
+        const std::uint64_t repairedBefore = agent::spf::sharedmemory::repairedFaults();
         registry::testhooks::install(cutAsItIsWaitedFor);
         int refusal = 0;
         try {
@@ -688,6 +754,13 @@ TEST(RobustLockGuardTest, AMutexCutOffAsItIsWaitedForIsRefused) {
         if (holder.wait(30s) != std::optional<int>(128 + SIGKILL)) return 4;
         if (cutOnWait >= 0) return 5;  // the point was never reached
         if (refusal != 1) return 6;
+#if !defined(__SANITIZE_THREAD__)
+        // Refused on the kernel's EFAULT, never having touched the cut page
+        // (ThreadSanitizer builds poll, and touch it).
+        if (agent::spf::sharedmemory::repairedFaults() != repairedBefore) return 9;
+#else
+        (void)repairedBefore;
+#endif
         int firstListed = 0;
         WorkThreadGuard::executeAndSet(
             [&held] { return registry::robustlist::firstLink() == registry::robustlist::linkOf(held.get()) ? 1 : 0; },
