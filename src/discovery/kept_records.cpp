@@ -9,11 +9,16 @@ namespace agent::spf::endpointregistry {
 KeptRecords& KeptRecords::ofProcess() {
   // Never destroyed: listings may run on other threads while the process
   // exits. A fork waits for a call under way to let go of the lock, so that
-  // the child gets the lock free and the records whole.
+  // the child gets the lock free and the records whole. The child inherits
+  // none of the mappings: it forgets them at its first call (it allocates
+  // and frees nothing in the fork itself).
   static KeptRecords* const kept = [] {
     auto* made = new KeptRecords;
     pthread_atfork([] { ofProcess().mutex_.lock(); }, [] { ofProcess().mutex_.unlock(); },
-                   [] { ofProcess().mutex_.unlock(); });
+                   [] {
+                     ofProcess().inherited_ = true;
+                     ofProcess().mutex_.unlock();
+                   });
     return made;
   }();
   return *kept;
@@ -36,8 +41,22 @@ std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexc
   return digest;
 }
 
+void KeptRecords::forgetInherited() {
+  if (!inherited_) return;
+  inherited_ = false;
+  // Emptied, not erased (see clear()); the sweep stamps hold for the child
+  // too.
+  for (auto& [trustee, records] : byTrustee_) {
+    for (auto& [name, record] : records) record.view.forgetInForkedChild();
+    records.clear();
+  }
+  count_ = 0;
+  names_ = 0;
+}
+
 void KeptRecords::clear() {
   std::lock_guard lock(mutex_);
+  forgetInherited();
   // Emptied, not erased: listings under way hold references to them.
   for (auto& [trustee, records] : byTrustee_) records.clear();
   cleanSweeps_.clear();
@@ -47,11 +66,13 @@ void KeptRecords::clear() {
 
 std::size_t KeptRecords::size() {
   std::lock_guard lock(mutex_);
+  forgetInherited();
   return count_;
 }
 
 std::size_t KeptRecords::names() {
   std::lock_guard lock(mutex_);
+  forgetInherited();
   return names_;
 }
 
@@ -63,6 +84,7 @@ KeptRecords::Listing::Listing(KeptRecords& kept, Opened opened, const std::strin
 
 KeptRecords::Opened KeptRecords::open(const std::string& trustee) {
   std::lock_guard lock(mutex_);
+  forgetInherited();
   return Opened{byTrustee_[trustee], ++serial_};
 }
 

@@ -37,8 +37,11 @@
 // listing a tag keeps the mappings of its last listing of it.
 //
 // Thread safety: any thread; one lock, held for each call only. A fork
-// waits for a call under way; the child keeps its copies of the mappings
-// (they map the same segments).
+// waits for a call under way. A forked child inherits no mapping (see
+// SegmentView): it starts with nothing kept, and its first listing reads
+// every record by name. A child that lives on thus holds no segment of a
+// record withdrawn since, which would keep its memory and its file (and
+// slow every reading of its folder) for as long as the child lived.
 #pragma once
 
 #include <cstddef>
@@ -141,6 +144,9 @@ class KeptRecords {
  private:
   KeptRecords() = default;
   Opened open(const std::string& trustee);
+  // In a forked child, at its first call: forgets the mappings it did not
+  // inherit, and the names with them. Called under the lock.
+  void forgetInherited();
 
   struct CleanSweep {
     Stamp stamp;
@@ -154,6 +160,7 @@ class KeptRecords {
   std::size_t count_ = 0;  // mappings
   std::size_t names_ = 0;  // names, mapped or not
   std::uint64_t serial_ = 0;
+  bool inherited_ = false;  // set in a forked child, under the lock the fork took
 };
 
 }  // namespace agent::spf::endpointregistry

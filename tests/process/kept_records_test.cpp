@@ -238,12 +238,23 @@ TEST_F(KeptRecordsTest, AKeptRecordWithAForeignFlagIsReadByNameAndHealed) {
   withdrawAndExpectGone(*child, tag);
 }
 
-TEST_F(KeptRecordsTest, AForkedChildListsThroughTheMappingsItInherits) {
+// A forked child inherits none of the kept mappings: a child that lives on
+// would otherwise hold the segments of records withdrawn since for as long
+// as it lives. It starts with nothing kept and lists by name, then keeps
+// mappings of its own.
+TEST_F(KeptRecordsTest, AForkedChildInheritsNoKeptMapping) {
   auto child = publisher(tag, "inherited");
   ASSERT_EQ(listedTwice(tag), (Pairs{{"inherited", "1"}}));
-  const std::optional<int> code = er::test::runInChild([this](ChildProcess&) {
-    if (KeptRecords::ofProcess().size() != 1) return 3;
-    return Endpoint::filter(tag) == Pairs{{"inherited", "1"}} ? 0 : 4;
+  const std::set<std::string> files = filesIn(userScope(), groupPrefix(tag));
+  ASSERT_EQ(files.size(), 1u);
+  const std::string file = *files.begin();
+  ASSERT_TRUE(mappedHere(file));
+  const std::optional<int> code = er::test::runInChild([this, &file](ChildProcess&) {
+    if (mappedHere(file)) return 2;
+    if (KeptRecords::ofProcess().size() != 0 || KeptRecords::ofProcess().names() != 0) return 3;
+    if (listedTwice(tag) != Pairs{{"inherited", "1"}}) return 4;
+    if (KeptRecords::ofProcess().size() != 1 || !mappedHere(file)) return 5;
+    return Endpoint::filter(tag) == Pairs{{"inherited", "1"}} ? 0 : 6;
   });
   EXPECT_EQ(code, 0);
   child->tellChild("go");

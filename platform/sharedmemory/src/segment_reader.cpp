@@ -131,6 +131,10 @@ SegmentView SegmentReader::view(std::size_t size) const noexcept {
   if (fd_ < 0 || size == 0) return SegmentView();
   void* address = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
   if (address == MAP_FAILED) return SegmentView();
+  if (madvise(address, size, MADV_DONTFORK) != 0) {
+    munmap(address, size);
+    return SegmentView();
+  }
   return SegmentView(address, size);
 }
 

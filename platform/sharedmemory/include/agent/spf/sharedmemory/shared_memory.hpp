@@ -209,7 +209,10 @@ class FolderTrust {
 // they are at each access, also after the segment's name was removed or
 // given to another segment (the view keeps the old one). Read it only under
 // a MappedAccess: another process may cut the segment short. Move-only;
-// unmapped on destruction.
+// unmapped on destruction. A forked child does not inherit the mapping
+// (MADV_DONTFORK): a child that lives on would otherwise keep the segment,
+// and its file, long after it was removed. The child's copy of the view
+// must be let go of with forgetInForkedChild().
 class SegmentView {
  public:
   SegmentView() noexcept = default;
@@ -222,6 +225,14 @@ class SegmentView {
   bool isMapped() const noexcept { return address_ != nullptr; }
   const void* data() const noexcept { return address_; }
   std::size_t size() const noexcept { return size_; }
+
+  // In a forked child: forgets the mapping, which the child did not
+  // inherit, without unmapping its addresses (the child may have mapped
+  // something else there since).
+  void forgetInForkedChild() noexcept {
+    address_ = nullptr;
+    size_ = 0;
+  }
 
  private:
   friend class SegmentReader;
@@ -260,8 +271,9 @@ class SegmentReader {
   // there (the segment shrank) or the read failed. Never throws.
   bool read(std::size_t offset, void* buffer, std::size_t length) const noexcept;
 
-  // Maps the first `size` bytes of the segment read-only; unmapped when the
-  // reader is not open or the mapping fails. Never throws.
+  // Maps the first `size` bytes of the segment read-only, for this process
+  // only (see SegmentView); unmapped when the reader is not open or the
+  // mapping fails. Never throws.
   SegmentView view(std::size_t size) const noexcept;
 
  private:
