@@ -179,7 +179,9 @@ int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
     if (seen == 0 || lockword::ownerDied(seen)) {
       // Let go of since the try: tried again within the slice. A waiter
       // that gives up here after a wake-up passes the wake-up on, which it
-      // may have taken from another waiter.
+      // may have taken from another waiter. A mutex overwritten with another
+      // kind meanwhile may stay busy with such a word: refused at once.
+      if (!PThreadRobustLockGuard::hasOwnKind(mutex)) return EINVAL;
       if (!reached(deadline)) continue;
       if (waited) syscall(SYS_futex, word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
       return ETIMEDOUT;

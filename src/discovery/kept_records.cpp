@@ -16,8 +16,11 @@ KeptRecords& KeptRecords::ofProcess() {
     auto* made = new KeptRecords;
     pthread_atfork([] { ofProcess().mutex_.lock(); }, [] { ofProcess().mutex_.unlock(); },
                    [] {
-                     ofProcess().inherited_ = true;
-                     ofProcess().mutex_.unlock();
+                     KeptRecords& child = ofProcess();
+                     child.inherited_ = true;
+                     child.forks_.fetch_add(1, std::memory_order_relaxed);
+                     child.owner_ = getpid();
+                     child.mutex_.unlock();
                    });
     return made;
   }();
@@ -41,6 +44,14 @@ std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexc
   return digest;
 }
 
+void KeptRecords::noteUnhandledFork() {
+  const pid_t self = getpid();
+  if (self == owner_) return;
+  owner_ = self;
+  inherited_ = true;
+  forks_.fetch_add(1, std::memory_order_relaxed);
+}
+
 void KeptRecords::forgetInherited() {
   if (!inherited_) return;
   inherited_ = false;
@@ -56,6 +67,7 @@ void KeptRecords::forgetInherited() {
 
 void KeptRecords::clear() {
   std::lock_guard lock(mutex_);
+  noteUnhandledFork();
   forgetInherited();
   // Emptied, not erased: listings under way hold references to them.
   for (auto& [trustee, records] : byTrustee_) records.clear();
@@ -66,12 +78,14 @@ void KeptRecords::clear() {
 
 std::size_t KeptRecords::size() {
   std::lock_guard lock(mutex_);
+  noteUnhandledFork();
   forgetInherited();
   return count_;
 }
 
 std::size_t KeptRecords::names() {
   std::lock_guard lock(mutex_);
+  noteUnhandledFork();
   forgetInherited();
   return names_;
 }
@@ -80,17 +94,28 @@ KeptRecords::Listing::Listing(KeptRecords& kept, const std::string& trustee, std
     : Listing(kept, kept.open(trustee), trustee, std::move(prefix)) {}
 
 KeptRecords::Listing::Listing(KeptRecords& kept, Opened opened, const std::string& trustee, std::string prefix)
-    : kept_(kept), records_(opened.records), trustee_(trustee), prefix_(std::move(prefix)), serial_(opened.serial) {}
+    : kept_(kept),
+      records_(opened.records),
+      trustee_(trustee),
+      prefix_(std::move(prefix)),
+      serial_(opened.serial),
+      forks_(opened.forks) {}
 
 KeptRecords::Opened KeptRecords::open(const std::string& trustee) {
   std::lock_guard lock(mutex_);
+  noteUnhandledFork();
   forgetInherited();
-  return Opened{byTrustee_[trustee], ++serial_};
+  return Opened{byTrustee_[trustee], ++serial_, forks_.load(std::memory_order_relaxed)};
 }
 
 std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
   mapNow = false;
   std::lock_guard lock(kept_.mutex_);
+  if (forks_ != kept_.forks_.load(std::memory_order_relaxed)) {
+    // Forked since the listing began: read by name from here on.
+    kept_.forgetInherited();
+    return std::nullopt;
+  }
   auto found = records_.find(name);
   if (found == records_.end()) {
     // Met for the first time: noted, read by name and not mapped.
@@ -112,7 +137,9 @@ std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::s
 }
 
 void KeptRecords::Listing::keep(const std::string& name, SegmentView view, const DataPair& data) {
-  if (!view.isMapped()) return;
+  // A view made before a fork that this thread made since is not mapped
+  // here; one made after it is unmapped on return.
+  if (!view.isMapped() || forks_ != kept_.forks_.load(std::memory_order_relaxed)) return;
   const std::optional<RecordReader::LiveMark> mark = RecordReader::liveMarkIn(view);
   if (!mark) return;
   DataPair copy = data;
@@ -148,6 +175,10 @@ void KeptRecords::Listing::finish() {
   std::vector<SegmentView> dropped;  // unmapped after the lock is let go
   {
     std::lock_guard lock(kept_.mutex_);
+    if (forks_ != kept_.forks_.load(std::memory_order_relaxed)) {
+      kept_.forgetInherited();  // the records met are those of before the fork
+      return;
+    }
     for (auto it = records_.begin(); it != records_.end();) {
       if (it->second.seen != serial_ && it->first.compare(0, prefix_.size(), prefix_) == 0) {
         if (it->second.view.isMapped()) {

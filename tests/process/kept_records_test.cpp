@@ -5,13 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <endpointregistry/endpoint.hpp>
 
@@ -266,6 +271,87 @@ TEST_F(KeptRecordsTest, AForkedChildInheritsNoKeptMapping) {
   child->tellChild("end");
   EXPECT_EQ(child->wait(), 0);
 }
+
+#if defined(ENDPOINTREGISTRY_TEST_HOOKS)
+
+namespace {
+
+// Forks at the second record opened from the time it is set (once).
+int openingsBeforeFork = -1;
+pid_t forkedChild = -1;
+bool inForkedChild = false;
+
+void forkAtSecondOpening(const char* point) {
+  if (std::strcmp(point, "record.opening") != 0 || openingsBeforeFork < 0) return;
+  if (openingsBeforeFork-- > 0) return;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    inForkedChild = true;
+  } else {
+    forkedChild = pid;
+  }
+}
+
+// The exit code of `pid`, waited for at most 30 s (then killed: nothing).
+std::optional<int> reaped(pid_t pid) {
+  for (int i = 0; i < 30'000; ++i) {
+    int status = 0;
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? std::optional<int>(WEXITSTATUS(status)) : std::nullopt;
+    if (done < 0) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return std::nullopt;
+}
+
+}  // namespace
+
+// A fork made in the middle of a listing (here from a test point, as a log
+// sink or a signal handler could) leaves the child's side of that listing
+// whole: the child goes on reading by name, never through a mapping it did
+// not inherit, and keeps mappings of its own afterwards. The parent's
+// listing is not disturbed.
+TEST_F(KeptRecordsTest, AForkInTheMiddleOfAListingLeavesBothSidesWhole) {
+  auto a = publisher(tag, "a");
+  auto b = publisher(tag, "b");
+  auto c = publisher(tag, "c");
+  const Pairs expected{{"a", "1"}, {"b", "1"}, {"c", "1"}};
+  ASSERT_EQ(Endpoint::filter(tag), expected);  // notes the names
+  // The listing that maps: the first record is kept before the fork, the
+  // second is mapped after it, the third is met in the child after it.
+  openingsBeforeFork = 1;
+  testhooks::install(forkAtSecondOpening);
+  const Pairs listed = Endpoint::filter(tag);
+  testhooks::install(nullptr);
+  if (inForkedChild) {
+    int code = 0;
+    if (listed != expected) {
+      code = 2;
+    } else if (listedTwice(tag) != expected || Endpoint::filter(tag) != expected) {
+      code = 3;
+    } else if (KeptRecords::ofProcess().size() != 3) {
+      code = 4;
+    }
+    std::_Exit(code);
+  }
+  ASSERT_GT(forkedChild, 0);
+  EXPECT_EQ(reaped(std::exchange(forkedChild, -1)), std::optional<int>(0));
+  EXPECT_EQ(listed, expected);
+  EXPECT_EQ(KeptRecords::ofProcess().size(), 3u);
+  EXPECT_EQ(Endpoint::filter(tag), expected);
+  for (ChildProcess* child : {a.get(), b.get()}) {
+    child->tellChild("go");
+    ASSERT_EQ(child->readFromChild(), "gone");
+    child->tellChild("end");
+    EXPECT_EQ(child->wait(), 0);
+  }
+  EXPECT_EQ(Endpoint::filter(tag), (Pairs{{"c", "1"}}));
+  withdrawAndExpectGone(*c, tag);
+}
+
+#endif
 
 }  // namespace
 }  // namespace agent::spf::endpointregistry

@@ -1,6 +1,8 @@
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -138,20 +140,38 @@ SegmentView SegmentReader::view(std::size_t size) const noexcept {
   return SegmentView(address, size);
 }
 
+namespace {
+
+std::atomic<std::uint64_t> forks{0};
+
+// Counts the forks from the library's loading on.
+[[maybe_unused]] const bool forksCounted = [] {
+  return pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); }) == 0;
+}();
+
+}  // namespace
+
+std::uint64_t forkGeneration() noexcept { return forks.load(std::memory_order_relaxed); }
+
 SegmentView::SegmentView(SegmentView&& other) noexcept
-    : address_(std::exchange(other.address_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+    : address_(std::exchange(other.address_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      generation_(other.generation_) {}
 
 SegmentView& SegmentView::operator=(SegmentView&& other) noexcept {
   if (this != &other) {
-    if (address_ != nullptr) munmap(address_, size_);
+    // A view made before a fork is not mapped in the child, whose own
+    // mappings may lie at its addresses by now.
+    if (isMapped()) munmap(address_, size_);
     address_ = std::exchange(other.address_, nullptr);
     size_ = std::exchange(other.size_, 0);
+    generation_ = other.generation_;
   }
   return *this;
 }
 
 SegmentView::~SegmentView() {
-  if (address_ != nullptr) munmap(address_, size_);
+  if (isMapped()) munmap(address_, size_);
 }
 
 }  // namespace agent::spf::sharedmemory

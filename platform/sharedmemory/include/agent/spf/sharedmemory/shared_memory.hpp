@@ -41,6 +41,7 @@
 
 #include <sys/types.h>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -203,6 +204,10 @@ class FolderTrust {
   FolderTrust& operator=(const FolderTrust&) = delete;
 };
 
+// How many forks this process came out of (counted in each child by a fork
+// handler): a view made under another count was not inherited.
+std::uint64_t forkGeneration() noexcept;
+
 // A read-only mapping of a segment that outlives the reader that made it
 // (SegmentReader::view): for a caller that reads the same segment again and
 // again and wants no system call for it. It sees the segment's bytes as
@@ -212,7 +217,9 @@ class FolderTrust {
 // unmapped on destruction. A forked child does not inherit the mapping
 // (MADV_DONTFORK): a child that lives on would otherwise keep the segment,
 // and its file, long after it was removed. The child's copy of the view
-// must be let go of with forgetInForkedChild().
+// must be let go of with forgetInForkedChild(). (A page of zeros that a
+// MappedAccess put in place of a cut page of the view is the child's,
+// though: a page of address space, holding no segment.)
 class SegmentView {
  public:
   SegmentView() noexcept = default;
@@ -222,7 +229,8 @@ class SegmentView {
   SegmentView& operator=(const SegmentView&) = delete;
   ~SegmentView();
 
-  bool isMapped() const noexcept { return address_ != nullptr; }
+  // False in a forked child for a view made before the fork.
+  bool isMapped() const noexcept { return address_ != nullptr && generation_ == forkGeneration(); }
   const void* data() const noexcept { return address_; }
   std::size_t size() const noexcept { return size_; }
 
@@ -236,9 +244,11 @@ class SegmentView {
 
  private:
   friend class SegmentReader;
-  SegmentView(void* address, std::size_t size) noexcept : address_(address), size_(size) {}
+  SegmentView(void* address, std::size_t size) noexcept
+      : address_(address), size_(size), generation_(forkGeneration()) {}
   void* address_ = nullptr;
   std::size_t size_ = 0;
+  std::uint64_t generation_ = 0;  // forkGeneration() when mapped
 };
 
 // An existing segment opened for reading with read calls instead of a
@@ -272,8 +282,8 @@ class SegmentReader {
   bool read(std::size_t offset, void* buffer, std::size_t length) const noexcept;
 
   // Maps the first `size` bytes of the segment read-only, for this process
-  // only (see SegmentView); unmapped when the reader is not open or the
-  // mapping fails. Never throws.
+  // only (see SegmentView); unmapped when the reader is not open, or the
+  // mapping or its exclusion from forked children fails. Never throws.
   SegmentView view(std::size_t size) const noexcept;
 
  private:
