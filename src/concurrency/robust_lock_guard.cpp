@@ -115,8 +115,8 @@ int lockWithin(pthread_mutex_t* mutex, std::chrono::nanoseconds slice) {
 
 // The kernel's answer to a wait on a mutex's lock word, as lockWithin()
 // answers it: 0 to try the lock again, or what to return.
-int afterWait(long waited) noexcept {
-  if (waited == 0) return 0;
+int afterWait(long answer) noexcept {
+  if (answer == 0) return 0;
   switch (errno) {
     case EAGAIN:  // the word changed before the wait began
     case EINTR:

@@ -9,19 +9,13 @@ namespace agent::spf::endpointregistry {
 KeptRecords& KeptRecords::ofProcess() {
   // Never destroyed: listings may run on other threads while the process
   // exits. A fork waits for a call under way to let go of the lock, so that
-  // the child gets the lock free and the records whole. The child inherits
-  // none of the mappings: it forgets them at its first call (it allocates
-  // and frees nothing in the fork itself).
+  // the child gets the lock free and the records whole. The mappings are
+  // not inherited (see SegmentView): the child forgets them at its first
+  // call (forgetIfForked).
   static KeptRecords* const kept = [] {
     auto* made = new KeptRecords;
     pthread_atfork([] { ofProcess().mutex_.lock(); }, [] { ofProcess().mutex_.unlock(); },
-                   [] {
-                     KeptRecords& child = ofProcess();
-                     child.inherited_ = true;
-                     child.forks_.fetch_add(1, std::memory_order_relaxed);
-                     child.owner_ = getpid();
-                     child.mutex_.unlock();
-                   });
+                   [] { ofProcess().mutex_.unlock(); });
     return made;
   }();
   return *kept;
@@ -44,31 +38,21 @@ std::uint64_t KeptRecords::digestOf(const std::vector<std::string>& names) noexc
   return digest;
 }
 
-void KeptRecords::noteUnhandledFork() {
-  const pid_t self = getpid();
-  if (self == owner_) return;
-  owner_ = self;
-  inherited_ = true;
-  forks_.fetch_add(1, std::memory_order_relaxed);
-}
-
-void KeptRecords::forgetInherited() {
-  if (!inherited_) return;
-  inherited_ = false;
-  // Emptied, not erased (see clear()); the sweep stamps hold for the child
-  // too.
-  for (auto& [trustee, records] : byTrustee_) {
-    for (auto& [name, record] : records) record.view.forgetInForkedChild();
-    records.clear();
-  }
+void KeptRecords::forgetIfForked() {
+  const std::uint64_t now = agent::spf::sharedmemory::forkGeneration();
+  if (now == generation_) return;
+  generation_ = now;
+  // Emptied, not erased (see clear()); the views, made before the fork,
+  // leave their addresses alone as they go. The sweep stamps hold for the
+  // child too.
+  for (auto& [trustee, records] : byTrustee_) records.clear();
   count_ = 0;
   names_ = 0;
 }
 
 void KeptRecords::clear() {
   std::lock_guard lock(mutex_);
-  noteUnhandledFork();
-  forgetInherited();
+  forgetIfForked();
   // Emptied, not erased: listings under way hold references to them.
   for (auto& [trustee, records] : byTrustee_) records.clear();
   cleanSweeps_.clear();
@@ -78,15 +62,13 @@ void KeptRecords::clear() {
 
 std::size_t KeptRecords::size() {
   std::lock_guard lock(mutex_);
-  noteUnhandledFork();
-  forgetInherited();
+  forgetIfForked();
   return count_;
 }
 
 std::size_t KeptRecords::names() {
   std::lock_guard lock(mutex_);
-  noteUnhandledFork();
-  forgetInherited();
+  forgetIfForked();
   return names_;
 }
 
@@ -99,23 +81,21 @@ KeptRecords::Listing::Listing(KeptRecords& kept, Opened opened, const std::strin
       trustee_(trustee),
       prefix_(std::move(prefix)),
       serial_(opened.serial),
-      forks_(opened.forks) {}
+      generation_(opened.generation) {}
 
 KeptRecords::Opened KeptRecords::open(const std::string& trustee) {
   std::lock_guard lock(mutex_);
-  noteUnhandledFork();
-  forgetInherited();
-  return Opened{byTrustee_[trustee], ++serial_, forks_.load(std::memory_order_relaxed)};
+  forgetIfForked();
+  return Opened{byTrustee_[trustee], ++serial_, generation_};
 }
 
 std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::string& name, bool& mapNow) {
   mapNow = false;
   std::lock_guard lock(kept_.mutex_);
-  if (forks_ != kept_.forks_.load(std::memory_order_relaxed)) {
-    // Forked since the listing began: read by name from here on.
-    kept_.forgetInherited();
-    return std::nullopt;
-  }
+  kept_.forgetIfForked();
+  // Forked since the listing began (on this thread): read by name from here
+  // on.
+  if (generation_ != kept_.generation_) return std::nullopt;
   auto found = records_.find(name);
   if (found == records_.end()) {
     // Met for the first time: noted, read by name and not mapped.
@@ -139,7 +119,7 @@ std::optional<KeptRecords::DataPair> KeptRecords::Listing::readLive(const std::s
 void KeptRecords::Listing::keep(const std::string& name, SegmentView view, const DataPair& data) {
   // A view made before a fork that this thread made since is not mapped
   // here; one made after it is unmapped on return.
-  if (!view.isMapped() || forks_ != kept_.forks_.load(std::memory_order_relaxed)) return;
+  if (!view.isMapped() || generation_ != agent::spf::sharedmemory::forkGeneration()) return;
   const std::optional<RecordReader::LiveMark> mark = RecordReader::liveMarkIn(view);
   if (!mark) return;
   DataPair copy = data;
@@ -175,10 +155,8 @@ void KeptRecords::Listing::finish() {
   std::vector<SegmentView> dropped;  // unmapped after the lock is let go
   {
     std::lock_guard lock(kept_.mutex_);
-    if (forks_ != kept_.forks_.load(std::memory_order_relaxed)) {
-      kept_.forgetInherited();  // the records met are those of before the fork
-      return;
-    }
+    kept_.forgetIfForked();
+    if (generation_ != kept_.generation_) return;  // the records met are those of before the fork
     for (auto it = records_.begin(); it != records_.end();) {
       if (it->second.seen != serial_ && it->first.compare(0, prefix_.size(), prefix_) == 0) {
         if (it->second.view.isMapped()) {

@@ -40,15 +40,12 @@
 // waits for a call under way. A forked child inherits no mapping (see
 // SegmentView): it forgets what was kept (its sweep stamps stay) at its
 // first call, or, on the thread that forked in the middle of a listing, at
-// that listing's next step; its next listing reads every record by name. A child that lives on thus holds no segment of
-// a record withdrawn since, which would keep its memory and its file (and slow every reading of its folder) for as long
-// as the child lived.
+// that listing's next step; its next listing reads every record by name. A
+// child that lives on thus holds no segment of a record withdrawn since,
+// which would keep its memory and its file (and slow every reading of its
+// folder) for as long as the child lived.
 #pragma once
 
-#include <sys/types.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -89,7 +86,7 @@ class KeptRecords {
   struct Opened {
     std::unordered_map<std::string, KeptRecord>& records;
     std::uint64_t serial;
-    std::uint64_t forks;  // the process's forks so far (see forks_)
+    std::uint64_t generation;  // see generation_
   };
 
   // One listing of one trustee's records under one name prefix.
@@ -130,7 +127,7 @@ class KeptRecords {
     std::string trustee_;
     std::string prefix_;
     std::uint64_t serial_;
-    std::uint64_t forks_;  // at the listing's start
+    std::uint64_t generation_;  // the fork generation at the listing's start
   };
 
   Listing listing(const std::string& trustee, const std::string& prefix);
@@ -151,12 +148,9 @@ class KeptRecords {
  private:
   KeptRecords() = default;
   Opened open(const std::string& trustee);
-  // In a forked child: forgets the mappings it did not inherit, and the
-  // names with them, once. Called under the lock.
-  void forgetInherited();
-  // Notes a fork that ran no fork handler (a raw clone): the process id is
-  // no longer the one the records were kept in. Called under the lock.
-  void noteUnhandledFork();
+  // In a forked child, once: forgets the mappings it did not inherit, and
+  // the names with them. Called under the lock.
+  void forgetIfForked();
 
   struct CleanSweep {
     Stamp stamp;
@@ -170,14 +164,9 @@ class KeptRecords {
   std::size_t count_ = 0;  // mappings
   std::size_t names_ = 0;  // names, mapped or not
   std::uint64_t serial_ = 0;
-  // Set in a forked child (under the lock the fork took) until its mappings
-  // are forgotten.
-  bool inherited_ = false;
-  // Forks that this process came out of, counted in the child: a listing
-  // that began before a fork (on the thread that forked) lets go of every
-  // mapping it meets, its own included.
-  std::atomic<std::uint64_t> forks_{0};
-  pid_t owner_ = getpid();  // the process the records were kept in
+  // The fork generation (sharedmemory::forkGeneration) the records were
+  // kept in.
+  std::uint64_t generation_ = agent::spf::sharedmemory::forkGeneration();
 };
 
 }  // namespace agent::spf::endpointregistry

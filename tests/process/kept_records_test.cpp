@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
@@ -292,20 +291,6 @@ void forkAtSecondOpening(const char* point) {
   }
 }
 
-// The exit code of `pid`, waited for at most 30 s (then killed: nothing).
-std::optional<int> reaped(pid_t pid) {
-  for (int i = 0; i < 30'000; ++i) {
-    int status = 0;
-    const pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? std::optional<int>(WEXITSTATUS(status)) : std::nullopt;
-    if (done < 0) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  return std::nullopt;
-}
-
 }  // namespace
 
 // A fork made in the middle of a listing (here from a test point, as a log
@@ -337,7 +322,7 @@ TEST_F(KeptRecordsTest, AForkInTheMiddleOfAListingLeavesBothSidesWhole) {
     std::_Exit(code);
   }
   ASSERT_GT(forkedChild, 0);
-  EXPECT_EQ(reaped(std::exchange(forkedChild, -1)), std::optional<int>(0));
+  EXPECT_EQ(er::test::reapWithin(std::exchange(forkedChild, -1)), std::optional<int>(0));
   EXPECT_EQ(listed, expected);
   EXPECT_EQ(KeptRecords::ofProcess().size(), 3u);
   EXPECT_EQ(Endpoint::filter(tag), expected);

@@ -125,28 +125,31 @@ bool ChildProcess::waitUntilStopped(std::chrono::milliseconds timeout) {
   }
 }
 
-std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
-  if (reaped_) return std::nullopt;
-  auto deadline = std::chrono::steady_clock::now() + timeout;
+std::optional<int> reapWithin(pid_t pid, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     int status = 0;
-    pid_t r = waitpid(pid_, &status, WNOHANG);
-    if (r == pid_) {
-      reaped_ = true;
+    const pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) {
       if (WIFEXITED(status)) return WEXITSTATUS(status);
       if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
       return std::nullopt;
     }
     if (r < 0 && errno != EINTR) return std::nullopt;
     if (std::chrono::steady_clock::now() >= deadline) {
-      ::kill(pid_, SIGKILL);
-      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+      ::kill(pid, SIGKILL);
+      while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
       }
-      reaped_ = true;
       return std::nullopt;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+  if (reaped_) return std::nullopt;
+  reaped_ = true;
+  return reapWithin(pid_, timeout);
 }
 
 std::optional<int> runInChild(const ChildProcess::Body& body, std::chrono::milliseconds timeout) {

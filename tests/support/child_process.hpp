@@ -56,6 +56,11 @@ class ChildProcess {
 };
 
 // Runs `body` in a child and returns its exit code (nullopt on time-out).
+// Waits up to `timeout` for the child `pid` (of this process) to end and
+// reaps it: its exit code, 128 + the signal that ended it, or nothing (a
+// child still running then is killed and reaped).
+std::optional<int> reapWithin(pid_t pid, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
 std::optional<int> runInChild(const ChildProcess::Body& body,
                               std::chrono::milliseconds timeout = std::chrono::seconds(60));
 

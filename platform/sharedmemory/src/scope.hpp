@@ -103,10 +103,11 @@ Outcome resolveScope(const std::string& trustee, Scope& scope);
 // when it is missing and not to be made.
 Outcome openScopeFolder(const Scope& scope, bool createIfMissing, UniqueFd& folder);
 
-// Appends the names in the open scope folder that begin with `prefix` to
-// `names`: every regular file (or entry of unknown kind), as the folder
-// gives them.
-Outcome readSegmentNames(int folder, const std::string& prefix, std::vector<std::string>& names);
+// The names in the open scope folder at `path` that begin with `prefix`:
+// every regular file (or entry of unknown kind), as the folder gives them.
+// A failure to read the folder is logged and gives none, and *complete (if
+// given) is set only for a whole answer. Throws std::bad_alloc.
+std::vector<std::string> segmentNamesIn(int folder, const std::string& path, const std::string& prefix, bool* complete);
 
 // Removes `name` from the folder only if it still names the file (device,
 // inode); a name that is gone or names another file is left alone (None).

@@ -26,9 +26,10 @@ void logListingFailure(const std::string& where, const Outcome& outcome) {
   detail::logLine(outcome.logLevel(), "listSegmentNames: ", where, ": ", outcome.reason);
 }
 
-}  // namespace
-
-Outcome detail::readSegmentNames(int folder, const std::string& prefix, std::vector<std::string>& names) {
+// Appends the names in the open scope folder that begin with `prefix` to
+// `names`: every regular file (or entry of unknown kind), as the folder
+// gives them.
+Outcome readNames(int folder, const std::string& prefix, std::vector<std::string>& names) {
   // The scope folder is held as an O_PATH descriptor; reading it needs a
   // descriptor of its own.
   const int readable = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -55,6 +56,21 @@ Outcome detail::readSegmentNames(int folder, const std::string& prefix, std::vec
   return outcome;
 }
 
+}  // namespace
+
+std::vector<std::string> detail::segmentNamesIn(int folder, const std::string& path, const std::string& prefix,
+                                                bool* complete) {
+  std::vector<std::string> names;
+  const Outcome outcome = readNames(folder, prefix, names);
+  if (!outcome.ok()) {
+    logListingFailure(path, outcome);
+    names.clear();
+  } else if (complete != nullptr) {
+    *complete = true;
+  }
+  return names;
+}
+
 std::vector<std::string> listSegmentNames(const std::string& trustee, const std::string& prefix, bool* complete) {
   std::vector<std::string> names;
   if (complete != nullptr) *complete = false;
@@ -71,13 +87,11 @@ std::vector<std::string> listSegmentNames(const std::string& trustee, const std:
       if (complete != nullptr) *complete = true;
       return names;
     }
-    if (outcome.ok()) outcome = detail::readSegmentNames(folder.get(), prefix, names);
     if (!outcome.ok()) {
       logListingFailure(scope.path, outcome);
-      names.clear();
-    } else if (complete != nullptr) {
-      *complete = true;
+      return names;
     }
+    names = detail::segmentNamesIn(folder.get(), scope.path, prefix, complete);
   } catch (...) {
     // Only memory for names and texts can run out here.
     names.clear();

@@ -51,13 +51,7 @@ std::vector<std::string> ScopeFolder::segmentNames(const std::string& prefix, bo
   if (complete != nullptr) *complete = false;
   if (!impl_) return names;
   try {
-    const Outcome outcome = detail::readSegmentNames(impl_->folder->get(), prefix, names);
-    if (!outcome.ok()) {
-      detail::logLine(outcome.logLevel(), "listSegmentNames: ", impl_->scope.path, ": ", outcome.reason);
-      names.clear();
-    } else if (complete != nullptr) {
-      *complete = true;
-    }
+    names = detail::segmentNamesIn(impl_->folder->get(), impl_->scope.path, prefix, complete);
   } catch (...) {
     // Only memory for names and texts can run out here.
     names.clear();

@@ -216,8 +216,9 @@ std::uint64_t forkGeneration() noexcept;
 // a MappedAccess: another process may cut the segment short. Move-only;
 // unmapped on destruction. A forked child does not inherit the mapping
 // (MADV_DONTFORK): a child that lives on would otherwise keep the segment,
-// and its file, long after it was removed. The child's copy of the view
-// must be let go of with forgetInForkedChild(). (A page of zeros that a
+// and its file, long after it was removed. In the child, the view reads as
+// unmapped and its destruction leaves the addresses alone (the child may
+// have mapped something else there since). (A page of zeros that a
 // MappedAccess put in place of a cut page of the view is the child's,
 // though: a page of address space, holding no segment.)
 class SegmentView {
@@ -233,14 +234,6 @@ class SegmentView {
   bool isMapped() const noexcept { return address_ != nullptr && generation_ == forkGeneration(); }
   const void* data() const noexcept { return address_; }
   std::size_t size() const noexcept { return size_; }
-
-  // In a forked child: forgets the mapping, which the child did not
-  // inherit, without unmapping its addresses (the child may have mapped
-  // something else there since).
-  void forgetInForkedChild() noexcept {
-    address_ = nullptr;
-    size_ = 0;
-  }
 
  private:
   friend class SegmentReader;
